@@ -1,0 +1,32 @@
+// The DLL's entry point and its four exports.
+#include "frame/class_factory.h"
+#include "frame/class_table.h"
+#include "frame/module.h"
+#include "frame/registration.h"
+#include "frame/type_library.h"
+
+// Loading the DLL runs none of the component's code: the entry point only
+// agrees.
+extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD, LPVOID) { return TRUE; }
+
+// The class object of a class in the table, queried for iid.
+extern "C" HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID clsid, REFIID iid, void** object) {
+    if (!object) return E_POINTER;
+    *object = nullptr;
+    const vx::class_entry* entry = vx::find_class(clsid);
+    if (!entry) return CLASS_E_CLASSNOTAVAILABLE;
+    return vx::get_class_object(*entry, iid, object);
+}
+
+// S_OK once no instance and no class-object lock remains, else S_FALSE.
+extern "C" HRESULT STDAPICALLTYPE DllCanUnloadNow() {
+    if (vx::module::in_use()) return S_FALSE;
+    vx::type_library::release_cache();
+    return S_OK;
+}
+
+// S_OK once the type library and every class are in the registry.
+extern "C" HRESULT STDAPICALLTYPE DllRegisterServer() { return vx::register_server(); }
+
+// S_OK once everything registration wrote is gone.
+extern "C" HRESULT STDAPICALLTYPE DllUnregisterServer() { return vx::unregister_server(); }

@@ -1,0 +1,9 @@
+#!/usr/bin/env bash
+# Builds everything and runs the benchmark programs; they print figures.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+"$root/scripts/build.sh"
+echo "machine: $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //')"
+(cd "$root/build/bin" && "$root/build/wine-run" bench_dispatch.exe)
+"$root/build/cscript" "$root/bench/late_bound.vbs"
+WINEPREFIX=$root/build/wineprefix wineserver -k 2>/dev/null || true

@@ -1,0 +1,17 @@
+#!/usr/bin/env bash
+# Installs what is missing, configures and builds into build/. Quiet unless
+# something fails.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=$root/build
+log=$build/build.log
+
+"$root/scripts/setup.sh"
+mkdir -p "$build"
+{
+    if [ ! -f "$build/CMakeCache.txt" ]; then
+        cmake -S "$root" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-mingw32.cmake" \
+              -DCMAKE_BUILD_TYPE=Release
+    fi
+    cmake --build "$build" -j "$(nproc)"
+} >"$log" 2>&1 || { cat "$log" >&2; echo "build failed; the log is $log" >&2; exit 1; }

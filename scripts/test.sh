@@ -1,0 +1,9 @@
+#!/usr/bin/env bash
+# Builds everything and runs every test through CTest.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+"$root/scripts/build.sh"
+status=0
+ctest --test-dir "$root/build" --output-on-failure -j "$(nproc)" || status=$?
+WINEPREFIX=$root/build/wineprefix wineserver -k 2>/dev/null || true
+exit $status

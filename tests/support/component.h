@@ -1,0 +1,50 @@
+// The DLL under test, loaded the way the platform loads it: by file, through
+// its exports, without the registry.
+#pragma once
+
+#include "frame/handles.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace vx::test {
+
+struct component {
+    HMODULE module = nullptr;
+    HRESULT(STDAPICALLTYPE* get_class_object)(REFCLSID, REFIID, void**) = nullptr;
+    HRESULT(STDAPICALLTYPE* can_unload_now)() = nullptr;
+    HRESULT(STDAPICALLTYPE* register_server)() = nullptr;
+    HRESULT(STDAPICALLTYPE* unregister_server)() = nullptr;
+};
+
+// Loaded once per test program; the DLL sits beside the program.
+const component& dll();
+std::wstring dll_path();
+
+// A new instance through the class object, as CoCreateInstance would make it.
+template <class Interface>
+com_ptr<Interface> create(REFCLSID clsid, REFIID iid) {
+    com_ptr<IClassFactory> factory;
+    EXPECT_EQ(S_OK, dll().get_class_object(clsid, IID_IClassFactory, factory.put_void()));
+    com_ptr<Interface> object;
+    if (factory) {
+        EXPECT_EQ(S_OK, factory->CreateInstance(nullptr, iid, object.put_void()));
+    }
+    return object;
+}
+
+// A string from an automation call's text, for messages and comparisons.
+std::wstring text_of(BSTR value);
+
+// What a failed call left as the thread's error info.
+struct error_info {
+    std::wstring source;
+    std::wstring description;
+};
+error_info take_error_info();
+
+// Narrow text of an HRESULT for assertion messages.
+std::string hex(HRESULT hr);
+
+}  // namespace vx::test

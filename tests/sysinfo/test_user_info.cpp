@@ -1,0 +1,157 @@
+// UserInfo: the names as the system gives them, the limits of the two
+// buffers, and the errors when a name does not fit.
+#include "support/component.h"
+#include "vxTypes32_types.h"
+
+#include <optional>
+#include <string>
+
+namespace vx::test {
+namespace {
+
+// Wine takes the logon name from the environment, so a test can choose it.
+class scoped_user_name {
+public:
+    explicit scoped_user_name(const std::wstring& name) {
+        wchar_t old[1024];
+        const DWORD length = GetEnvironmentVariableW(L"WINEUSERNAME", old, 1024);
+        if (length > 0 && length < 1024) previous_ = std::wstring(old, length);
+        SetEnvironmentVariableW(L"WINEUSERNAME", name.c_str());
+    }
+    ~scoped_user_name() { SetEnvironmentVariableW(L"WINEUSERNAME", previous_ ? previous_->c_str() : nullptr); }
+
+private:
+    std::optional<std::wstring> previous_;
+};
+
+// The computer name lives in the registry of the prefix; put back whatever
+// was there.
+class scoped_computer_name {
+public:
+    explicit scoped_computer_name(const std::wstring& name) {
+        RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"System\\CurrentControlSet\\Control\\ComputerName\\ActiveComputerName", 0,
+                      KEY_QUERY_VALUE | KEY_SET_VALUE, key_.put());
+        wchar_t old[256] = {};
+        DWORD bytes = sizeof old - sizeof(wchar_t);
+        if (RegQueryValueExW(key_.get(), L"ComputerName", nullptr, nullptr, reinterpret_cast<BYTE*>(old), &bytes) ==
+            ERROR_SUCCESS)
+            previous_ = old;
+        set(name);
+    }
+    ~scoped_computer_name() {
+        if (previous_) set(*previous_);
+    }
+
+private:
+    void set(const std::wstring& name) {
+        RegSetValueExW(key_.get(), L"ComputerName", 0, REG_SZ, reinterpret_cast<const BYTE*>(name.c_str()),
+                       static_cast<DWORD>((name.size() + 1) * sizeof(wchar_t)));
+    }
+    unique_hkey key_;
+    std::optional<std::wstring> previous_;
+};
+
+struct property_result {
+    HRESULT hr;
+    VARTYPE type;
+    std::wstring text;
+    error_info error;
+};
+
+property_result logon() {
+    com_ptr<_UserInfo> user = create<_UserInfo>(CLSID_UserInfo, IID__UserInfo);
+    unique_variant result;
+    const HRESULT hr = user->get_Logon(result.get());
+    return {hr, V_VT(result.get()), V_VT(result.get()) == VT_BSTR ? text_of(V_BSTR(result.get())) : L"",
+            FAILED(hr) ? take_error_info() : error_info{}};
+}
+
+property_result computer_name() {
+    com_ptr<_UserInfo> user = create<_UserInfo>(CLSID_UserInfo, IID__UserInfo);
+    unique_variant result;
+    const HRESULT hr = user->get_ComputerName(result.get());
+    return {hr, V_VT(result.get()), V_VT(result.get()) == VT_BSTR ? text_of(V_BSTR(result.get())) : L"",
+            FAILED(hr) ? take_error_info() : error_info{}};
+}
+
+constexpr HRESULT automation_error_number(long number) { return static_cast<HRESULT>(0x800A0000 + number); }
+
+TEST(UserInfoLogon, ReturnsNamesUpTo255CharactersWhole) {
+    const std::wstring names[] = {L"surveyor", L"a", std::wstring(100, L'n'), std::wstring(255, L'x')};
+    for (const std::wstring& name : names) {
+        scoped_user_name user(name);
+        const property_result result = logon();
+        ASSERT_EQ(S_OK, result.hr) << name.size() << " characters";
+        EXPECT_EQ(VT_BSTR, result.type);
+        EXPECT_EQ(name, result.text) << name.size() << " characters";
+    }
+}
+
+TEST(UserInfoLogon, ANameTooLongRaisesTheSystemsBufferError) {
+    for (size_t length : {256u, 300u}) {
+        scoped_user_name user(std::wstring(length, L'y'));
+        const property_result result = logon();
+        EXPECT_EQ(automation_error_number(ERROR_INSUFFICIENT_BUFFER), result.hr) << length << " characters";
+        EXPECT_EQ(VT_EMPTY, result.type) << "the result stays Empty";
+        EXPECT_EQ(L"UserInfo.Logon", result.error.source);
+        EXPECT_EQ(L"Failed to get user logon name.", result.error.description);
+    }
+}
+
+TEST(UserInfoLogon, IsTheDefaultMemberAndRepeatable) {
+    scoped_user_name user(L"fieldcrew");
+    com_ptr<IDispatch> object = create<IDispatch>(CLSID_UserInfo, IID_IDispatch);
+    for (int call = 0; call < 2; ++call) {
+        unique_variant value;
+        DISPPARAMS none = {nullptr, nullptr, 0, 0};
+        ASSERT_EQ(S_OK, object->Invoke(DISPID_VALUE, IID_NULL, 0, DISPATCH_PROPERTYGET, &none, value.get(), nullptr,
+                                       nullptr));
+        ASSERT_EQ(VT_BSTR, V_VT(value.get()));
+        EXPECT_EQ(L"fieldcrew", text_of(V_BSTR(value.get()))) << "call " << call;
+    }
+}
+
+TEST(UserInfoComputerName, ReturnsTheSystemsName) {
+    for (const std::wstring& name : {std::wstring(L"RIG-7"), std::wstring(15, L'C')}) {
+        scoped_computer_name computer(name);
+        const property_result result = computer_name();
+        ASSERT_EQ(S_OK, result.hr) << name.size() << " characters";
+        EXPECT_EQ(VT_BSTR, result.type);
+        EXPECT_EQ(name, result.text);
+        EXPECT_EQ(name, computer_name().text) << "the second call agrees";
+    }
+}
+
+TEST(UserInfoComputerName, ANameTheSystemCannotGiveRaisesItsError) {
+    // Wine's GetComputerNameA refuses any name over 15 characters with
+    // ERROR_BUFFER_OVERFLOW; names of 16 to 30 cannot be shown whole here.
+    scoped_computer_name computer(std::wstring(40, L'L'));
+    const property_result result = computer_name();
+    EXPECT_EQ(automation_error_number(ERROR_BUFFER_OVERFLOW), result.hr);
+    EXPECT_EQ(VT_EMPTY, result.type);
+    EXPECT_EQ(L"UserInfo.ComputerName", result.error.source);
+    EXPECT_EQ(L"Failed to get computer name.", result.error.description);
+}
+
+TEST(UserInfoLateBound, AFailureArrivesAsAnExceptionWithItsNumberAndText) {
+    scoped_user_name user(std::wstring(256, L'z'));
+    com_ptr<IDispatch> object = create<IDispatch>(CLSID_UserInfo, IID_IDispatch);
+    unique_variant value;
+    EXCEPINFO exception = {};
+    DISPPARAMS none = {nullptr, nullptr, 0, 0};
+    UINT argument_error = 0;
+    ASSERT_EQ(DISP_E_EXCEPTION, object->Invoke(DISPID_VALUE, IID_NULL, 0, DISPATCH_METHOD | DISPATCH_PROPERTYGET,
+                                               &none, value.get(), &exception, &argument_error));
+    if (exception.pfnDeferredFillIn) exception.pfnDeferredFillIn(&exception);
+    const HRESULT number = exception.scode ? exception.scode : automation_error_number(exception.wCode);
+    EXPECT_EQ(automation_error_number(ERROR_INSUFFICIENT_BUFFER), number);
+    EXPECT_EQ(L"UserInfo.Logon", text_of(exception.bstrSource));
+    EXPECT_EQ(L"Failed to get user logon name.", text_of(exception.bstrDescription));
+    EXPECT_EQ(VT_EMPTY, V_VT(value.get()));
+    SysFreeString(exception.bstrSource);
+    SysFreeString(exception.bstrDescription);
+    SysFreeString(exception.bstrHelpFile);
+}
+
+}  // namespace
+}  // namespace vx::test

@@ -1,0 +1,1085 @@
+#!/usr/bin/env python3
+"""Turns the type descriptions of vxTypes32 into the build's generated files.
+
+Usage: gen_types.py OUTPUT_DIR LIBRARY.types [SUBSYSTEM.types ...]
+
+Writes into OUTPUT_DIR:
+  vxTypes32_types.h     C++ declarations: GUIDs, interfaces, records, enums
+                        and each interface's member table (frame/member_table.h)
+  typelib_tables.inc    the same facts as data for tools/typelib_writer.cpp,
+                        which writes the .tlb from them and checks it read back
+  iid_resources.rc      the _IID_ and _SRCIID_ resources, one .bin per item
+
+The description format is line oriented. '#' starts a comment, blank lines
+are ignored, and every block is closed by a line `end`.
+
+  library NAME {LIBID} MAJOR.MINOR lcid N names_lcid N
+
+  import NAME {LIBID} MAJOR.MINOR lcid N file stdole2.tlb|standin
+      interface NAME {IID}
+      enum NAME {GUID}
+          MEMBER = VALUE          (optional; written into a stand-in library)
+  end
+      A library this one refers to. `file standin` means the build writes
+      a library with that identity itself (see typelib_writer standin).
+
+  order
+      NAME NAME ...               index order; undescribed names are skipped
+  end
+
+  interface NAME {IID} MAJOR.MINOR flags 0xNNNN     dual, derives from IDispatch
+      MEMBER LINES
+  end
+  events NAME {IID} MAJOR.MINOR flags 0xNNNN        dispinterface
+      MEMBER LINES
+  end
+  coclass NAME {CLSID} MAJOR.MINOR flags 0xNN
+      default INTERFACE
+      source EVENTS                                 the default source
+  end
+  alias NAME = TARGET {GUID} MAJOR.MINOR flags 0xNN
+  record NAME {GUID} MAJOR.MINOR [size N]
+      FIELD LINES
+  end
+  enum NAME {GUID} MAJOR.MINOR
+      NAME = VALUE
+  end
+
+Member line:
+  KIND NAME(PARAMS) [As TYPE] dispid N [help "text"]
+  KIND is get, let (property put), set (property put by reference) or method.
+  PARAMS: comma separated `[Optional] [ByVal|ByRef] name As TYPE [= default]`;
+  ByVal is the default. A let or set takes its value as the last parameter.
+  A result (As TYPE) becomes a trailing [out, retval] pointer. An Optional
+  parameter without a default must be a Variant. A Boolean default is True
+  or False; others are numbers or "text".
+
+Field line:
+  name As TYPE | name() As TYPE | name(L To U[, L To U]) As TYPE | name(N) As TYPE
+  optionally followed by `@ OFFSET`; a bare N means 0 To N. `()` is a
+  SAFEARRAY. The generator lays records out with 4-byte packing and stops
+  with an error where an annotated offset or size disagrees.
+
+TYPE: Byte Integer Long Single Double Currency Date String Boolean Variant
+Object Unknown, a described type (an interface or a coclass stands for a
+pointer to the interface), or IMPORT.NAME (a bare imported NAME is accepted
+where it is unambiguous).
+"""
+
+import os
+import re
+import struct
+import sys
+import uuid
+
+# Automation base types: VARTYPE, C++ type, size, alignment.
+BASE_TYPES = {
+    'Byte': ('VT_UI1', 'BYTE', 1, 1),
+    'Integer': ('VT_I2', 'SHORT', 2, 2),
+    'Long': ('VT_I4', 'LONG', 4, 4),
+    'Single': ('VT_R4', 'FLOAT', 4, 4),
+    'Double': ('VT_R8', 'DOUBLE', 8, 8),
+    'Currency': ('VT_CY', 'CY', 8, 8),
+    'Date': ('VT_DATE', 'DATE', 8, 8),
+    'String': ('VT_BSTR', 'BSTR', 4, 4),
+    'Boolean': ('VT_BOOL', 'VARIANT_BOOL', 2, 2),
+    'Variant': ('VT_VARIANT', 'VARIANT', 16, 8),
+    'Object': ('VT_DISPATCH', 'IDispatch*', 4, 4),
+    'Unknown': ('VT_UNKNOWN', 'IUnknown*', 4, 4),
+}
+
+PACKING = 4
+IDISPATCH_SLOTS = 7
+INVOKE_KINDS = {'get': 'INVOKE_PROPERTYGET', 'let': 'INVOKE_PROPERTYPUT',
+                'set': 'INVOKE_PROPERTYPUTREF', 'method': 'INVOKE_FUNC'}
+CPP_PREFIX = {'get': 'get_', 'let': 'put_', 'set': 'putref_', 'method': ''}
+
+
+class DescriptionError(Exception):
+    pass
+
+
+class Where:
+    def __init__(self, path, line):
+        self.path, self.line = path, line
+
+    def __str__(self):
+        return '%s:%d' % (self.path, self.line)
+
+
+def fail(where, message):
+    raise DescriptionError('%s: %s' % (where, message))
+
+
+# ---------------------------------------------------------------- the model
+
+class Library:
+    def __init__(self):
+        self.name = None
+        self.guid = None
+        self.version = None
+        self.lcid = 0
+        self.names_lcid = 0x0409
+        self.imports = []
+        self.order = []
+        self.types = {}          # name -> TypeDef
+        self.ordered = []        # TypeDefs in index order
+
+
+class Import:
+    def __init__(self, name, guid, version, lcid, file, where):
+        self.name, self.guid, self.version, self.lcid = name, guid, version, lcid
+        self.file, self.where = file, where
+        self.types = {}          # name -> ImportedType
+
+
+class ImportedType:
+    def __init__(self, library, kind, name, guid):
+        self.library, self.kind, self.name, self.guid = library, kind, name, guid
+        self.constants = []      # (name, value) for a stand-in enum
+
+
+class TypeDef:
+    def __init__(self, kind, name, guid, version, flags, where):
+        self.kind, self.name, self.guid, self.version = kind, name, guid, version
+        self.flags, self.where = flags, where
+        self.members = []        # Member, for interface and events
+        self.fields = []         # Field, for record
+        self.constants = []      # (name, value), for enum
+        self.default = None      # coclass: default interface name
+        self.source = None       # coclass: default source name
+        self.target = None       # alias: target name
+        self.declared_size = None
+        self.size = None
+        self.index = None
+
+
+class Member:
+    def __init__(self, kind, name, params, result, dispid, help_text, where):
+        self.kind, self.name, self.params, self.result = kind, name, params, result
+        self.dispid, self.help, self.where = dispid, help_text, where
+
+
+class Param:
+    def __init__(self, name, type_name, by_ref, optional, default, where):
+        self.name, self.type_name, self.by_ref = name, type_name, by_ref
+        self.optional, self.default, self.where = optional, default, where
+
+
+class Field:
+    def __init__(self, name, type_name, dims, safearray, offset, where):
+        self.name, self.type_name, self.dims = name, type_name, dims
+        self.safearray, self.declared_offset, self.where = safearray, offset, where
+        self.offset = None
+
+
+# --------------------------------------------------------------- the parser
+
+GUID_RE = r'\{([0-9A-Fa-f]{8}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{12})\}'
+NAME_RE = r'([A-Za-z_][A-Za-z0-9_]*)'
+VERSION_RE = r'(\d+)\.(\d+)'
+NUMBER_RE = r'(-?(?:0[xX][0-9A-Fa-f]+|\d+))'
+
+
+def number(text):
+    return int(text, 0)
+
+
+def strip_comment(line):
+    out, quoted = [], False
+    for ch in line:
+        if ch == '"':
+            quoted = not quoted
+        if ch == '#' and not quoted:
+            break
+        out.append(ch)
+    return ''.join(out).strip()
+
+
+def split_params(text, where):
+    parts, depth, current = [], 0, ''
+    for ch in text:
+        if ch == '(':
+            depth += 1
+        elif ch == ')':
+            depth -= 1
+        if ch == ',' and depth == 0:
+            parts.append(current)
+            current = ''
+        else:
+            current += ch
+    if current.strip():
+        parts.append(current)
+    if any(not p.strip() for p in parts):
+        fail(where, 'empty parameter')
+    return [p.strip() for p in parts]
+
+
+PARAM_RE = re.compile(r'^(Optional\s+)?(?:(ByVal|ByRef)\s+)?' + NAME_RE +
+                      r'\s+As\s+([A-Za-z_][A-Za-z0-9_.]*)(?:\s*=\s*(.+))?$')
+MEMBER_RE = re.compile(r'^(get|let|set|method)\s+' + NAME_RE + r'\((.*)\)\s*'
+                       r'(?:As\s+([A-Za-z_][A-Za-z0-9_.]*)\s+)?dispid\s+' + NUMBER_RE +
+                       r'(?:\s+help\s+"([^"]*)")?$')
+FIELD_RE = re.compile('^' + NAME_RE + r'(?:\(([^)]*)\))?\s+As\s+([A-Za-z_][A-Za-z0-9_.]*)'
+                      r'(?:\s+@\s*(\d+))?$')
+
+
+def parse_default(text, where):
+    text = text.strip()
+    if text in ('True', 'False'):
+        return text == 'True'
+    if text.startswith('"') and text.endswith('"') and len(text) >= 2:
+        return text[1:-1]
+    try:
+        return number(text)
+    except ValueError:
+        pass
+    try:
+        return float(text)
+    except ValueError:
+        fail(where, 'bad default value %r' % text)
+
+
+def parse_param(text, where):
+    m = PARAM_RE.match(text)
+    if not m:
+        fail(where, 'bad parameter %r' % text)
+    optional, passing, name, type_name, default = m.groups()
+    default = parse_default(default, where) if default is not None else None
+    if isinstance(default, float):
+        # oleaut32's writer under Wine records these unreadably.
+        fail(where, 'a default must be a whole number, True, False or "text"')
+    if default is not None and not optional:
+        fail(where, 'parameter %s has a default but is not Optional' % name)
+    return Param(name, type_name, passing == 'ByRef', bool(optional), default, where)
+
+
+def parse_dims(text, where):
+    if text.strip() == '':
+        return None
+    dims = []
+    for part in text.split(','):
+        m = re.match(r'^\s*' + NUMBER_RE + r'(?:\s+To\s+' + NUMBER_RE + r')?\s*$', part)
+        if not m:
+            fail(where, 'bad bounds %r' % part)
+        lower, upper = (number(m.group(1)), number(m.group(2))) if m.group(2) else (0, number(m.group(1)))
+        if upper < lower:
+            fail(where, 'upper bound below lower bound in %r' % part)
+        dims.append((lower, upper))
+    return dims
+
+
+def parse_file(lib, path):
+    with open(path, encoding='utf-8') as f:
+        lines = f.readlines()
+    block = None          # (kind, object)
+    current_enum = None   # imported enum that takes constants
+    for number_, raw in enumerate(lines, 1):
+        where = Where(path, number_)
+        line = strip_comment(raw)
+        if not line:
+            continue
+        words = line.split()
+        if block is not None and line == 'end':
+            block = None
+            current_enum = None
+            continue
+        if block is None:
+            parse_header(lib, line, words, where, path)
+            block = lib._opened
+            continue
+        kind, obj = block
+        if kind == 'import':
+            m = re.match(r'^(interface|enum)\s+' + NAME_RE + r'\s+' + GUID_RE + '$', line)
+            if m:
+                t = ImportedType(obj, m.group(1), m.group(2), m.group(3).upper())
+                obj.types[t.name] = t
+                current_enum = t if t.kind == 'enum' else None
+                continue
+            m = re.match('^' + NAME_RE + r'\s*=\s*' + NUMBER_RE + '$', line)
+            if m and current_enum is not None:
+                current_enum.constants.append((m.group(1), number(m.group(2))))
+                continue
+            fail(where, 'expected `interface NAME {IID}` or `enum NAME {GUID}` in an import')
+        elif kind == 'order':
+            lib.order.extend(words)
+        elif kind in ('interface', 'events'):
+            m = MEMBER_RE.match(line)
+            if not m:
+                fail(where, 'bad member line')
+            mkind, name, params, result, dispid, help_text = m.groups()
+            params = [parse_param(p, where) for p in split_params(params, where)]
+            if mkind in ('let', 'set'):
+                if not params:
+                    fail(where, '%s %s takes its value as the last parameter' % (mkind, name))
+                if result:
+                    fail(where, 'a property put has no result')
+            if mkind == 'get' and not result:
+                fail(where, 'a property get needs a result')
+            obj.members.append(Member(mkind, name, params, result, number(dispid), help_text, where))
+        elif kind == 'coclass':
+            m = re.match(r'^(default|source)\s+' + NAME_RE + '$', line)
+            if not m:
+                fail(where, 'expected `default INTERFACE` or `source EVENTS`')
+            if getattr(obj, m.group(1)) is not None:
+                fail(where, 'a second %s interface' % m.group(1))
+            setattr(obj, m.group(1), m.group(2))
+        elif kind == 'record':
+            m = FIELD_RE.match(line)
+            if not m:
+                fail(where, 'bad field line')
+            name, bounds, type_name, offset = m.groups()
+            safearray = bounds is not None and bounds.strip() == ''
+            dims = parse_dims(bounds, where) if bounds is not None else None
+            obj.fields.append(Field(name, type_name, dims, safearray,
+                                    int(offset) if offset else None, where))
+        elif kind == 'enum':
+            m = re.match('^' + NAME_RE + r'\s*=\s*' + NUMBER_RE + '$', line)
+            if not m:
+                fail(where, 'expected `NAME = VALUE`')
+            obj.constants.append((m.group(1), number(m.group(2))))
+    if block is not None:
+        fail(Where(path, len(lines)), 'block not closed by `end`')
+
+
+def add_type(lib, t):
+    if t.name in lib.types:
+        fail(t.where, '%s is described twice (first at %s)' % (t.name, lib.types[t.name].where))
+    lib.types[t.name] = t
+
+
+def parse_header(lib, line, words, where, path):
+    lib._opened = None
+    head = words[0]
+    if head == 'library':
+        m = re.match(r'^library\s+' + NAME_RE + r'\s+' + GUID_RE + r'\s+' + VERSION_RE +
+                     r'\s+lcid\s+' + NUMBER_RE + r'\s+names_lcid\s+' + NUMBER_RE + '$', line)
+        if not m:
+            fail(where, 'bad library line')
+        if lib.name:
+            fail(where, 'a second library line')
+        lib.name, lib.guid = m.group(1), m.group(2).upper()
+        lib.version = (int(m.group(3)), int(m.group(4)))
+        lib.lcid, lib.names_lcid = number(m.group(5)), number(m.group(6))
+        return
+    if head == 'import':
+        m = re.match(r'^import\s+' + NAME_RE + r'\s+' + GUID_RE + r'\s+' + VERSION_RE +
+                     r'\s+lcid\s+' + NUMBER_RE + r'\s+file\s+(\S+)$', line)
+        if not m:
+            fail(where, 'bad import line')
+        imp = Import(m.group(1), m.group(2).upper(), (int(m.group(3)), int(m.group(4))),
+                     number(m.group(5)), m.group(6), where)
+        lib.imports.append(imp)
+        lib._opened = ('import', imp)
+        return
+    if line == 'order':
+        lib._opened = ('order', None)
+        return
+    if head == 'alias':
+        m = re.match(r'^alias\s+' + NAME_RE + r'\s*=\s*' + NAME_RE + r'\s+' + GUID_RE + r'\s+' +
+                     VERSION_RE + r'\s+flags\s+' + NUMBER_RE + '$', line)
+        if not m:
+            fail(where, 'bad alias line')
+        t = TypeDef('alias', m.group(1), m.group(3).upper(), (int(m.group(4)), int(m.group(5))),
+                    number(m.group(6)), where)
+        t.target = m.group(2)
+        add_type(lib, t)
+        return
+    if head in ('interface', 'events', 'coclass'):
+        m = re.match('^' + head + r'\s+' + NAME_RE + r'\s+' + GUID_RE + r'\s+' + VERSION_RE +
+                     r'\s+flags\s+' + NUMBER_RE + '$', line)
+        if not m:
+            fail(where, 'bad %s line' % head)
+        t = TypeDef(head, m.group(1), m.group(2).upper(), (int(m.group(3)), int(m.group(4))),
+                    number(m.group(5)), where)
+    elif head in ('record', 'enum'):
+        m = re.match('^' + head + r'\s+' + NAME_RE + r'\s+' + GUID_RE + r'\s+' + VERSION_RE +
+                     r'(?:\s+size\s+(\d+))?$', line)
+        if not m or (head == 'enum' and m.group(5)):
+            fail(where, 'bad %s line' % head)
+        t = TypeDef(head, m.group(1), m.group(2).upper(), (int(m.group(3)), int(m.group(4))),
+                    0, where)
+        t.declared_size = int(m.group(5)) if m.group(5) else None
+    else:
+        fail(where, 'unknown line %r' % line)
+    add_type(lib, t)
+    lib._opened = (head, t)
+
+
+# ------------------------------------------------------------- type meaning
+#
+# A resolved type is a tuple tree:
+#   ('base', NAME)                     automation base type
+#   ('ptr', node)                      pointer
+#   ('safearray', node)
+#   ('carray', node, [(lower, upper)])
+#   ('user', TypeDef | ImportedType)   reference to a named type
+
+def lookup(lib, name, where):
+    if '.' in name:
+        lib_name, type_name = name.split('.', 1)
+        for imp in lib.imports:
+            if imp.name == lib_name and type_name in imp.types:
+                return imp.types[type_name]
+        fail(where, 'unknown imported type %s' % name)
+    if name in lib.types:
+        return lib.types[name]
+    found = [imp.types[name] for imp in lib.imports if name in imp.types]
+    if len(found) == 1:
+        return found[0]
+    fail(where, ('ambiguous type %s' if found else 'unknown type %s') % name)
+
+
+def resolve(lib, name, where):
+    """The type a name stands for as a parameter, result or field."""
+    if name in BASE_TYPES:
+        return ('base', name)
+    t = lookup(lib, name, where)
+    if isinstance(t, TypeDef) and t.kind == 'coclass':
+        if not t.default:
+            fail(where, 'coclass %s has no default interface' % name)
+        t = lib.types[t.default]
+    if t.kind in ('interface', 'events'):
+        return ('ptr', ('user', t))
+    if t.kind == 'alias':
+        target = lib.types[t.target]
+        if target.kind in ('interface', 'events'):
+            return ('ptr', ('user', t))
+    return ('user', t)
+
+
+def vartype_of(node):
+    """The VARTYPE a value of this type travels as in a VARIANT."""
+    kind = node[0]
+    if kind == 'base':
+        return BASE_TYPES[node[1]][0]
+    if kind == 'safearray':
+        return 'VT_ARRAY | ' + vartype_of(node[1])
+    if kind == 'ptr' and node[1][0] == 'user':
+        t = node[1][1]
+        return 'VT_DISPATCH' if t.kind in ('interface', 'events', 'alias') else 'VT_UNKNOWN'
+    if kind == 'user':
+        t = node[1]
+        if t.kind == 'enum':
+            return 'VT_I4'
+        if t.kind == 'record':
+            return 'VT_RECORD'
+    raise DescriptionError('no VARTYPE for %r' % (node,))
+
+
+def size_align(lib, node):
+    kind = node[0]
+    if kind == 'base':
+        _, _, size, align = BASE_TYPES[node[1]]
+        return size, align
+    if kind in ('ptr', 'safearray'):
+        return 4, 4
+    if kind == 'carray':
+        size, align = size_align(lib, node[1])
+        count = 1
+        for lower, upper in node[2]:
+            count *= upper - lower + 1
+        return size * count, align
+    t = node[1]
+    if isinstance(t, ImportedType) or t.kind == 'enum':
+        return 4, 4
+    if t.kind == 'record':
+        layout(lib, t)
+        return t.size, t.alignment
+    raise DescriptionError('%s cannot be held inline' % t.name)
+
+
+def layout(lib, record):
+    if record.size is not None:
+        return
+    if getattr(record, '_laying_out', False):
+        fail(record.where, 'record %s contains itself' % record.name)
+    record._laying_out = True
+    offset, alignment = 0, 1
+    for field in record.fields:
+        size, align = size_align(lib, field.node)
+        align = min(align, PACKING)
+        alignment = max(alignment, align)
+        offset = (offset + align - 1) // align * align
+        field.offset = offset
+        if field.declared_offset is not None and field.declared_offset != offset:
+            fail(field.where, 'field %s lands at offset %d, not %d' %
+                 (field.name, offset, field.declared_offset))
+        offset += size
+    record.alignment = alignment
+    record.size = (offset + alignment - 1) // alignment * alignment
+    if record.declared_size is not None and record.declared_size != record.size:
+        fail(record.where, 'record %s is %d bytes, not %d' % (record.name, record.size,
+                                                               record.declared_size))
+
+
+def check(lib):
+    if not lib.name:
+        raise DescriptionError('no library line')
+    seen = set()
+    for name in lib.order:
+        if name in seen:
+            raise DescriptionError('%s appears twice in the order' % name)
+        seen.add(name)
+    for t in lib.types.values():
+        if t.name not in seen:
+            fail(t.where, '%s has no place in the order' % t.name)
+    lib.ordered = [lib.types[n] for n in lib.order if n in lib.types]
+    for index, t in enumerate(lib.ordered):
+        t.index = index
+    guids = {}
+    for t in lib.ordered:
+        if t.guid in guids:
+            fail(t.where, '%s has the GUID of %s' % (t.name, guids[t.guid]))
+        guids[t.guid] = t.name
+
+    for t in lib.ordered:
+        if t.kind in ('interface', 'events'):
+            names = set()
+            for m in t.members:
+                key = (m.name, m.kind)
+                if key in names:
+                    fail(m.where, '%s %s is described twice' % (m.kind, m.name))
+                names.add(key)
+                if t.kind == 'events' and m.kind != 'method':
+                    fail(m.where, 'an event is a method')
+                m.result_node = resolve(lib, m.result, m.where) if m.result else None
+                seen_optional = False
+                for i, p in enumerate(m.params):
+                    p.node = resolve(lib, p.type_name, p.where)
+                    is_value = m.kind in ('let', 'set') and i == len(m.params) - 1
+                    if p.optional:
+                        if is_value:
+                            fail(p.where, 'the value of a put cannot be Optional')
+                        if p.default is None and p.node != ('base', 'Variant'):
+                            fail(p.where, 'Optional %s without a default must be a Variant' % p.name)
+                        seen_optional = True
+                    elif seen_optional and not is_value:
+                        fail(p.where, '%s follows an Optional parameter' % p.name)
+        elif t.kind == 'coclass':
+            for role, kind in (('default', 'interface'), ('source', 'events')):
+                name = getattr(t, role)
+                if name is not None and (name not in lib.types or lib.types[name].kind != kind):
+                    fail(t.where, '%s of %s must be a described %s' % (role, t.name, kind))
+            if not t.default:
+                fail(t.where, 'coclass %s has no default interface' % t.name)
+        elif t.kind == 'alias':
+            if t.target not in lib.types:
+                fail(t.where, 'alias of an undescribed type %s' % t.target)
+        elif t.kind == 'record':
+            names = set()
+            for f in t.fields:
+                if f.name in names:
+                    fail(f.where, 'field %s is described twice' % f.name)
+                names.add(f.name)
+                node = resolve(lib, f.type_name, f.where)
+                if node[0] == 'ptr' and node[1][1].kind in ('interface', 'events'):
+                    pass
+                if f.safearray:
+                    node = ('safearray', node)
+                elif f.dims:
+                    node = ('carray', node, f.dims)
+                f.node = node
+    for t in lib.ordered:
+        if t.kind == 'record':
+            layout(lib, t)
+    for imp in lib.imports:
+        if imp.file != 'standin' and any(it.constants for it in imp.types.values()):
+            fail(imp.where, 'constants are written only into a stand-in library')
+
+
+def parse(paths):
+    lib = Library()
+    for path in paths:
+        parse_file(lib, path)
+    check(lib)
+    return lib
+
+
+# ------------------------------------------------------------ C++ rendering
+
+def guid_parts(text):
+    u = uuid.UUID(text)
+    d = u.bytes
+    data1, data2, data3 = struct.unpack('>IHH', d[:8])
+    return data1, data2, data3, d[8:]
+
+
+def guid_init(text):
+    data1, data2, data3, tail = guid_parts(text)
+    return '{0x%08X, 0x%04X, 0x%04X, {%s}}' % (data1, data2, data3,
+                                               ', '.join('0x%02X' % b for b in tail))
+
+
+def guid_bytes(text):
+    """The in-memory layout: the first three groups little-endian."""
+    return uuid.UUID(text).bytes_le
+
+
+def cpp_string(text):
+    if text is None:
+        return 'nullptr'
+    out = []
+    for ch in text:
+        if ch in '\\"':
+            out.append('\\' + ch)
+        elif 32 <= ord(ch) < 127:
+            out.append(ch)
+        else:
+            out.append('\\x%04X' % ord(ch))
+    return 'L"%s"' % ''.join(out)
+
+
+def cpp_type(node):
+    kind = node[0]
+    if kind == 'base':
+        return BASE_TYPES[node[1]][1]
+    if kind == 'ptr':
+        return cpp_type(node[1]) + '*'
+    if kind == 'safearray':
+        return 'SAFEARRAY*'
+    if kind == 'user':
+        t = node[1]
+        if isinstance(t, ImportedType):
+            return t.name
+        return t.name
+    raise DescriptionError('no C++ type for %r' % (node,))
+
+
+def cpp_params(member):
+    out = []
+    for p in member.params:
+        t = cpp_type(p.node)
+        if p.by_ref:
+            t += '*'
+        out.append('%s %s' % (t, p.name))
+    if member.result_node is not None:
+        out.append('%s* result' % cpp_type(member.result_node))
+    return ', '.join(out)
+
+
+def cpp_field(field):
+    node = field.node
+    if node[0] == 'carray':
+        element = cpp_type(node[1])
+        # Automation arrays keep the first index fastest.
+        extents = ''.join('[%d]' % (upper - lower + 1) for lower, upper in reversed(node[2]))
+        return '%s %s%s;' % (element, field.name, extents)
+    return '%s %s;' % (cpp_type(node), field.name)
+
+
+def default_init(value, node):
+    """A member_default for the C++ member table."""
+    if value is None:
+        return '{VT_EMPTY, 0, 0.0, nullptr}'
+    vt = default_vartype(value, node)
+    if vt == 'VT_BOOL':
+        return '{VT_BOOL, %s, 0.0, nullptr}' % ('VARIANT_TRUE' if value else 'VARIANT_FALSE')
+    if vt == 'VT_BSTR':
+        return '{VT_BSTR, 0, 0.0, %s}' % cpp_string(value)
+    if vt in ('VT_R4', 'VT_R8', 'VT_DATE'):
+        return '{%s, 0, %r, nullptr}' % (vt, float(value))
+    return '{%s, %d, 0.0, nullptr}' % (vt, value)
+
+
+def default_vartype(value, node):
+    if isinstance(value, bool):
+        return 'VT_BOOL'
+    if isinstance(value, str):
+        return 'VT_BSTR'
+    vt = vartype_of(node)
+    if vt in ('VT_R4', 'VT_R8', 'VT_DATE', 'VT_I2', 'VT_UI1', 'VT_I4', 'VT_CY'):
+        return vt if vt != 'VT_CY' else 'VT_I4'
+    if vt == 'VT_VARIANT':
+        return 'VT_R8' if isinstance(value, float) else 'VT_I4'
+    if isinstance(value, float):
+        return 'VT_R8'
+    return 'VT_I4'
+
+
+def emit_header(lib):
+    out = []
+    w = out.append
+    w('// Generated by tools/gen_types.py from the .types descriptions; do not edit.')
+    w('#pragma once')
+    w('')
+    w('#include <windows.h>')
+    w('#include <oaidl.h>')
+    w('#include <cstddef>')
+    w('#include <ocidl.h>')
+    w('')
+    w('#include "frame/member_table.h"')
+    w('')
+    u = lib.name
+    w('inline constexpr GUID LIBID_%s%s;' % (u, guid_init(lib.guid)))
+    w('inline constexpr WORD %s_VERSION_MAJOR = %d;' % (u, lib.version[0]))
+    w('inline constexpr WORD %s_VERSION_MINOR = %d;' % (u, lib.version[1]))
+    w('inline constexpr LCID %s_LCID = 0x%X;' % (u, lib.lcid))
+    w('')
+    prefix = {'interface': 'IID_', 'events': 'DIID_', 'coclass': 'CLSID_', 'alias': 'IID_',
+              'record': 'GUID_', 'enum': 'GUID_'}
+    for t in lib.ordered:
+        w('inline constexpr GUID %s%s%s;' % (prefix[t.kind], t.name, guid_init(t.guid)))
+    w('')
+
+    def declare_enum(name, constants):
+        w('#pragma push_macro("%s")' % name)
+        w('#undef %s' % name)
+        w('enum %s : LONG {' % name)
+        for cname, value in constants:
+            w('    %s = %d,' % (cname, value))
+        w('};')
+        w('#pragma pop_macro("%s")' % name)
+
+    for imp in lib.imports:
+        for it in imp.types.values():
+            if it.kind == 'enum':
+                w('// From %s.' % imp.name)
+                declare_enum(it.name, it.constants)
+                w('')
+    for t in lib.ordered:
+        if t.kind == 'enum':
+            declare_enum(t.name, t.constants)
+            w('')
+    # Records in dependency order: a nested record first.
+    done = set()
+
+    def declare_record(t):
+        if t.name in done:
+            return
+        for f in t.fields:
+            n = f.node
+            while n[0] in ('carray', 'safearray'):
+                n = n[1]
+            if n[0] == 'user' and isinstance(n[1], TypeDef) and n[1].kind == 'record':
+                declare_record(n[1])
+        done.add(t.name)
+        w('#pragma push_macro("%s")' % t.name)
+        w('#undef %s' % t.name)
+        w('#pragma pack(push, %d)' % PACKING)
+        w('struct %s {' % t.name)
+        for f in t.fields:
+            w('    %s' % cpp_field(f))
+        w('};')
+        w('#pragma pack(pop)')
+        w('static_assert(sizeof(%s) == %d, "%s");' % (t.name, t.size, t.name))
+        for f in t.fields:
+            w('static_assert(offsetof(%s, %s) == %d, "%s.%s");' % (t.name, f.name, f.offset,
+                                                                    t.name, f.name))
+        w('#pragma pop_macro("%s")' % t.name)
+        w('')
+
+    for t in lib.ordered:
+        if t.kind == 'record':
+            declare_record(t)
+    for t in lib.ordered:
+        if t.kind in ('interface', 'events'):
+            w('struct %s;' % t.name)
+    w('')
+    for t in lib.ordered:
+        if t.kind == 'interface':
+            w('struct %s : public IDispatch {' % t.name)
+            for m in t.members:
+                w('    virtual HRESULT STDMETHODCALLTYPE %s%s(%s) = 0;' %
+                  (CPP_PREFIX[m.kind], m.name, cpp_params(m)))
+            w('};')
+            w('')
+        elif t.kind == 'events':
+            w('// Events reach a sink through IDispatch::Invoke only.')
+            w('struct %s : public IDispatch {};' % t.name)
+            w('')
+    for t in lib.ordered:
+        if t.kind == 'alias':
+            w('typedef %s %s;' % (t.target, t.name))
+    w('')
+    for t in lib.ordered:
+        if t.kind not in ('interface', 'events'):
+            continue
+        table = 'members_of_%s' % t.name
+        for i, m in enumerate(t.members):
+            if m.params:
+                w('inline constexpr vx::member_param %s_%d[] = {' % (table, i))
+                for p in m.params:
+                    w('    {%s, %s, %s, %s, %s},' % (
+                        cpp_string(p.name), vartype_of(p.node), 'true' if p.by_ref else 'false',
+                        'true' if p.optional else 'false', default_init(p.default, p.node)))
+                w('};')
+        w('inline constexpr vx::member_entry %s[] = {' % table)
+        for i, m in enumerate(t.members):
+            slot = IDISPATCH_SLOTS + i if t.kind == 'interface' else 0
+            w('    {%s, %s, %s, %d, %s, %s, %d},' % (
+                cpp_string(m.name), '%d' % m.dispid if -1000 < m.dispid < 1000 else
+                'static_cast<DISPID>(0x%08X)' % (m.dispid & 0xFFFFFFFF),
+                INVOKE_KINDS[m.kind], slot,
+                vartype_of(m.result_node) if m.result_node else 'VT_EMPTY',
+                '%s_%d' % (table, i) if m.params else 'nullptr', len(m.params)))
+        if not t.members:
+            w('    {nullptr, 0, INVOKE_FUNC, 0, VT_EMPTY, nullptr, 0},')
+        w('};')
+        w('inline constexpr vx::interface_members interface_members_of_%s{&%s%s, %s, %d};' % (
+            t.name, 'IID_' if t.kind == 'interface' else 'DIID_', t.name,
+            table if t.members else 'nullptr', len(t.members)))
+        w('')
+    return '\n'.join(line for line in out) + '\n'
+
+
+# ------------------------------------------------------ writer data rendering
+
+class NodeTable:
+    """Flattens type trees into the writer's type_node rows."""
+
+    def __init__(self, lib):
+        self.lib = lib
+        self.rows = []
+        self.bounds = []
+        self.refs = []          # (local index, import index, GUID)
+        self.memo = {}
+
+    def ref(self, t):
+        if isinstance(t, ImportedType):
+            key = (-1, self.lib.imports.index(t.library), t.guid)
+        else:
+            key = (t.index, -1, t.guid)
+        if key not in self.refs:
+            self.refs.append(key)
+        return self.refs.index(key)
+
+    def add(self, node):
+        key = repr(self.key(node))
+        if key in self.memo:
+            return self.memo[key]
+        kind = node[0]
+        if kind == 'base':
+            row = (BASE_TYPES[node[1]][0], -1, -1, 0, -1)
+        elif kind in ('ptr', 'safearray'):
+            row = ('VT_PTR' if kind == 'ptr' else 'VT_SAFEARRAY', self.add(node[1]), -1, 0, -1)
+        elif kind == 'carray':
+            first = len(self.bounds)
+            for lower, upper in node[2]:
+                self.bounds.append((upper - lower + 1, lower))
+            row = ('VT_CARRAY', self.add(node[1]), -1, len(node[2]), first)
+        else:
+            row = ('VT_USERDEFINED', -1, self.ref(node[1]), 0, -1)
+        self.rows.append(row)
+        self.memo[key] = len(self.rows) - 1
+        return self.memo[key]
+
+    def key(self, node):
+        if node[0] == 'user':
+            return ('user', node[1].name, id(node[1]))
+        if node[0] == 'carray':
+            return ('carray', self.key(node[1]), tuple(node[2]))
+        if node[0] in ('ptr', 'safearray'):
+            return (node[0], self.key(node[1]))
+        return node
+
+
+def emit_model(w, lib, prefix, types, imports):
+    """One library as writer data: arrays named PREFIX_*."""
+    nodes = NodeTable(lib)
+    funcs, params, vars_, impls = [], [], [], []
+    entries = []
+    hresult = void = None
+    for t in types:
+        entry = {'first_func': len(funcs), 'first_var': len(vars_), 'first_impl': len(impls),
+                 'alias': -1, 'size': -1, 'alignment': 4}
+        if t.kind in ('interface', 'events'):
+            for i, m in enumerate(t.members):
+                first = len(params)
+                count = len(m.params) + (1 if m.result_node is not None else 0)
+                optional = 0
+                for j, p in enumerate(m.params):
+                    node = ('ptr', p.node) if p.by_ref else p.node
+                    flags = ['PARAMFLAG_FIN']
+                    if p.by_ref:
+                        flags.append('PARAMFLAG_FOUT')
+                    if p.optional:
+                        flags.append('PARAMFLAG_FOPT')
+                        if p.default is not None:
+                            flags.append('PARAMFLAG_FHASDEFAULT')
+                        else:
+                            optional += 1
+                    is_value = m.kind in ('let', 'set') and j == len(m.params) - 1
+                    params.append((None if is_value else p.name, nodes.add(node), ' | '.join(flags),
+                                   p.default, p.node))
+                if m.result_node is not None:
+                    params.append((None, nodes.add(('ptr', m.result_node)),
+                                   'PARAMFLAG_FOUT | PARAMFLAG_FRETVAL', None, None))
+                funcs.append((m, first, count, optional,
+                              IDISPATCH_SLOTS + i if t.kind == 'interface' else -1))
+        elif t.kind == 'coclass':
+            impls.append((nodes.ref(lib.types[t.default]), 'IMPLTYPEFLAG_FDEFAULT'))
+            if t.source:
+                impls.append((nodes.ref(lib.types[t.source]),
+                              'IMPLTYPEFLAG_FDEFAULT | IMPLTYPEFLAG_FSOURCE'))
+        elif t.kind == 'alias':
+            entry['alias'] = nodes.add(('user', lib.types[t.target]))
+        elif t.kind == 'record':
+            for i, f in enumerate(t.fields):
+                vars_.append((f.name, 0x40000000 + i, nodes.add(f.node), f.offset, f.name))
+            entry['size'] = t.size
+            entry['alignment'] = t.alignment
+        elif t.kind == 'enum':
+            for i, (name, value) in enumerate(t.constants):
+                vars_.append((name, 0x40000000 + i, nodes.add(('base', 'Long')), value, None))
+            entry['size'] = 4
+        entry['funcs'] = len(funcs) - entry['first_func']
+        entry['vars'] = len(vars_) - entry['first_var']
+        entry['impls'] = len(impls) - entry['first_impl']
+        entries.append((t, entry))
+
+    kinds = {'interface': 'dual_interface', 'events': 'dispinterface', 'coclass': 'coclass',
+             'alias': 'alias', 'record': 'record', 'enum': 'enumeration'}
+
+    def array(name, type_name, rows):
+        if not rows:
+            w('inline constexpr const %s* const %s_%s = nullptr;' % (type_name, prefix, name))
+            return
+        w('inline constexpr %s %s_%s[] = {' % (type_name, prefix, name))
+        for row in rows:
+            w('    %s,' % row)
+        w('};')
+
+    array('nodes', 'type_node', ['{%s, %d, %d, %d, %d}' % r for r in nodes.rows])
+    array('bounds', 'array_bound', ['{%d, %d}' % b for b in nodes.bounds])
+    array('references', 'type_reference',
+          ['{%d, %d, %s}' % (local, imp, guid_init(guid)) for local, imp, guid in nodes.refs])
+
+    def default_row(value, node):
+        if value is None:
+            return '{VT_EMPTY, 0, 0.0, nullptr}'
+        vt = default_vartype(value, node)
+        if vt == 'VT_BOOL':
+            return '{VT_BOOL, %d, 0.0, nullptr}' % (-1 if value else 0)
+        if vt == 'VT_BSTR':
+            return '{VT_BSTR, 0, 0.0, %s}' % cpp_string(value)
+        if vt in ('VT_R4', 'VT_R8', 'VT_DATE'):
+            return '{%s, 0, %r, nullptr}' % (vt, float(value))
+        return '{%s, %d, 0.0, nullptr}' % (vt, value)
+
+    array('params', 'param_entry', ['{%s, %d, %s, %s}' % (cpp_string(name), node, flags,
+                                                          default_row(default, vnode))
+                                    for name, node, flags, default, vnode in params])
+    array('funcs', 'func_entry', ['{%s, static_cast<MEMBERID>(0x%08X), %s, %d, %d, %d, %d, %s}' % (
+        cpp_string(m.name), m.dispid & 0xFFFFFFFF, INVOKE_KINDS[m.kind], first, count, optional,
+        slot, cpp_string(m.help)) for m, first, count, optional, slot in funcs])
+    array('vars', 'var_entry', ['{%s, 0x%08X, %d, %d, %s}' % (cpp_string(name), memid, node,
+                                                              value, cpp_string(doc))
+                                for name, memid, node, value, doc in vars_])
+    array('impls', 'impl_entry', ['{%d, %s}' % i for i in impls])
+    w('inline constexpr type_entry %s_types[] = {' % prefix)
+    for t, e in entries:
+        w('    {type_kind::%s, %s, %s, %d, %d, 0x%04X, %d, %d, %d, %d, %d, %d, %d, %d, %d},' % (
+            kinds[t.kind], cpp_string(t.name), guid_init(t.guid), t.version[0], t.version[1],
+            t.flags, e['first_func'], e['funcs'], e['first_var'], e['vars'], e['first_impl'],
+            e['impls'], e['alias'], e['size'], e['alignment']))
+    w('};')
+    array('imports', 'import_entry', ['{%s, %s, %d, %d, 0x%X, %s}' % (
+        cpp_string(i.name), guid_init(i.guid), i.version[0], i.version[1], i.lcid,
+        'true' if i.file == 'standin' else 'false') for i in imports])
+
+
+def emit_tables(lib):
+    out = []
+    w = out.append
+    w('// Generated by tools/gen_types.py from the .types descriptions; do not edit.')
+    w('// The library as data for typelib_writer: what to write and what to find.')
+    w('')
+    emit_model(w, lib, 'library', lib.ordered, lib.imports)
+    w('inline constexpr library_entry library_description{')
+    w('    %s, %s, %d, %d, 0x%X, 0x%X,' % (cpp_string(lib.name), guid_init(lib.guid),
+                                          lib.version[0], lib.version[1], lib.lcid, lib.names_lcid))
+    w('    library_types, %d, library_funcs, library_params, library_vars, library_impls,'
+      % len(lib.ordered))
+    w('    library_nodes, library_bounds, library_references, library_imports, %d};'
+      % len(lib.imports))
+    w('')
+    standins = [i for i in lib.imports if i.file == 'standin']
+    if len(standins) > 1:
+        raise DescriptionError('only one stand-in library is supported')
+    for imp in standins:
+        # The stand-in as a library of its own, holding the imported enums.
+        sub = Library()
+        sub.name, sub.guid, sub.version, sub.lcid = imp.name, imp.guid, imp.version, imp.lcid
+        types = []
+        for it in imp.types.values():
+            if it.kind != 'enum':
+                raise DescriptionError('%s: a stand-in holds enums only' % imp.where)
+            t = TypeDef('enum', it.name, it.guid, (0, 0), 0, imp.where)
+            t.constants = it.constants
+            t.index = len(types)
+            types.append(t)
+        emit_model(w, sub, 'standin', types, [])
+        w('inline constexpr library_entry standin_description{')
+        w('    %s, %s, %d, %d, 0x%X, 0x%X,' % (cpp_string(imp.name), guid_init(imp.guid),
+                                              imp.version[0], imp.version[1], imp.lcid,
+                                              imp.lcid))
+        w('    standin_types, %d, standin_funcs, standin_params, standin_vars, standin_impls,'
+          % len(types))
+        w('    standin_nodes, standin_bounds, standin_references, standin_imports, 0};')
+    return '\n'.join(out) + '\n'
+
+
+# ------------------------------------------------------------ IID resources
+
+def emit_resources(lib, out_dir):
+    lines = ['// Generated by tools/gen_types.py; do not edit.',
+             '// Each item: a 32-bit byte count, then the IIDs in memory layout.',
+             '// Leaves the neutral language in force for what follows.']
+    for t in lib.ordered:
+        if t.kind != 'coclass':
+            continue
+        items = []
+        earlier = [a for a in lib.ordered if a.kind == 'alias' and a.target == t.default]
+        iids = [guid_bytes(a.guid) for a in earlier] + [guid_bytes(lib.types[t.default].guid)]
+        items.append(('_IID_' + t.name.upper(), iids))
+        if t.source:
+            items.append(('_SRCIID_' + t.name.upper(), [guid_bytes(lib.types[t.source].guid)]))
+        for type_name, guids in items:
+            data = b''.join(guids)
+            # The IIDs also stand here so that a changed item changes this file.
+            lines.append('// %s: %s' % (type_name, ' '.join(
+                '{%s}' % str(uuid.UUID(bytes_le=g)).upper() for g in guids)))
+            file_name = type_name.lower().lstrip('_') + '.bin'
+            write_if_changed(os.path.join(out_dir, file_name),
+                             struct.pack('<I', len(data)) + data)
+            lines.append('LANGUAGE 0, 0')
+            lines.append('1 %s "%s"' % (type_name, os.path.join(out_dir, file_name)))
+    return '\n'.join(lines) + '\n'
+
+
+def write_if_changed(path, data):
+    if isinstance(data, str):
+        data = data.encode('utf-8')
+    try:
+        with open(path, 'rb') as f:
+            if f.read() == data:
+                return
+    except FileNotFoundError:
+        pass
+    with open(path, 'wb') as f:
+        f.write(data)
+
+
+def main(argv):
+    if len(argv) < 3:
+        sys.stderr.write('usage: gen_types.py OUTPUT_DIR LIBRARY.types [SUBSYSTEM.types ...]\n')
+        return 2
+    out_dir = argv[1]
+    try:
+        lib = parse(argv[2:])
+        os.makedirs(out_dir, exist_ok=True)
+        header = emit_header(lib)
+        tables = emit_tables(lib)
+        rc = emit_resources(lib, out_dir)
+    except DescriptionError as e:
+        sys.stderr.write('gen_types: error: %s\n' % e)
+        return 1
+    write_if_changed(os.path.join(out_dir, 'vxTypes32_types.h'), header)
+    write_if_changed(os.path.join(out_dir, 'typelib_tables.inc'), tables)
+    write_if_changed(os.path.join(out_dir, 'iid_resources.rc'), rc)
+    return 0
+
+
+if __name__ == '__main__':
+    sys.exit(main(sys.argv))
