@@ -20,11 +20,13 @@ set(VX_TYPES_HEADER ${VX_GENERATED_DIR}/vxTypes32_types.h)
 # The library's own description places the types; each subsystem describes
 # its own beside its code.
 set(VX_LIBRARY_DESCRIPTION ${PROJECT_SOURCE_DIR}/frame/vxTypes32.types)
-if(NOT DEFINED VX_TYPE_DESCRIPTIONS)
-    set(VX_TYPE_DESCRIPTIONS
-        ${PROJECT_SOURCE_DIR}/sysinfo/UserInfo.types
-    )
-endif()
+file(GLOB VX_TYPE_DESCRIPTIONS CONFIGURE_DEPENDS
+     ${PROJECT_SOURCE_DIR}/records/*.types
+     ${PROJECT_SOURCE_DIR}/complex/*.types
+     ${PROJECT_SOURCE_DIR}/sort/*.types
+     ${PROJECT_SOURCE_DIR}/registry/*.types
+     ${PROJECT_SOURCE_DIR}/imaging/*.types
+     ${PROJECT_SOURCE_DIR}/sysinfo/*.types)
 
 set(_vx_tables ${VX_GENERATED_DIR}/typelib_tables.inc)
 add_custom_command(
