@@ -1,10 +1,12 @@
 // The frame's part of every class: identity, reference counting, late
-// binding, error-info support and class info. A class derives from
+// binding from the generated member tables, error-info support and class
+// info. A class derives from
 // automation_object<its default interface> and implements the members.
 #pragma once
 
 #include "frame/automation_error.h"
 #include "frame/class_table.h"
+#include "frame/dispatcher.h"
 #include "frame/handles.h"
 #include "frame/module.h"
 #include "frame/type_library.h"
@@ -53,18 +55,13 @@ public:
     HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID iid, LPOLESTR* names, UINT count, LCID,
                                             DISPID* ids) override {
         if (!IsEqualIID(iid, IID_NULL)) return DISP_E_UNKNOWNINTERFACE;
-        com_ptr<ITypeInfo> info;
-        const HRESULT hr = com_boundary(L"vxTypes32", [&] { info = interface_type_info(); });
-        if (FAILED(hr)) return hr;
-        return DispGetIDsOfNames(info.get(), names, count, ids);
+        return dispatch_ids_of_names(members_of(static_cast<Interface*>(nullptr)), names, count, ids);
     }
     HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID iid, LCID, WORD flags, DISPPARAMS* params,
                                      VARIANT* result, EXCEPINFO* exception, UINT* argument_error) override {
         if (!IsEqualIID(iid, IID_NULL)) return DISP_E_UNKNOWNINTERFACE;
-        com_ptr<ITypeInfo> info;
-        const HRESULT hr = com_boundary(L"vxTypes32", [&] { info = interface_type_info(); });
-        if (FAILED(hr)) return hr;
-        return info->Invoke(static_cast<Interface*>(this), id, flags, params, result, exception, argument_error);
+        return dispatch_invoke(members_of(static_cast<Interface*>(nullptr)), static_cast<Interface*>(this), id,
+                               flags, params, result, exception, argument_error);
     }
 
     // ISupportErrorInfo

@@ -12,8 +12,10 @@ namespace {
 
 // A class joins this table once it is built.
 const class_entry rows[] = {
-    {L"Class_vxTypes32", &CLSID_Class_vxTypes32, &IID__Class_vxTypes32, nullptr, nullptr, &create_anchor},
-    {L"UserInfo", &CLSID_UserInfo, &IID__UserInfo, &IID_UserInfo___v0, nullptr, &create_user_info},
+    {L"Class_vxTypes32", &CLSID_Class_vxTypes32, &IID__Class_vxTypes32, nullptr, nullptr,
+     &interface_members_of__Class_vxTypes32, &create_anchor},
+    {L"UserInfo", &CLSID_UserInfo, &IID__UserInfo, &IID_UserInfo___v0, nullptr, &interface_members_of__UserInfo,
+     &create_user_info},
 };
 
 }  // namespace

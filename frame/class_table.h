@@ -3,6 +3,8 @@
 // all read it.
 #pragma once
 
+#include "frame/member_table.h"
+
 #include <windows.h>
 
 namespace vx {
@@ -20,6 +22,7 @@ struct class_entry {
     const IID* interface_id;
     const IID* earlier_interface_id;
     const IID* source_interface;  // default source (events), or null
+    const interface_members* members;  // of the default interface
     create_function create;
 
     bool answers_for(REFIID iid) const;

@@ -110,7 +110,11 @@ public:
     unique_variant() { VariantInit(&value_); }
     unique_variant(const unique_variant&) = delete;
     unique_variant& operator=(const unique_variant&) = delete;
-    ~unique_variant() { VariantClear(&value_); }
+    // Values below VT_BSTR hold nothing to free; skipping the call keeps
+    // late binding cheap.
+    ~unique_variant() {
+        if (V_VT(&value_) >= VT_BSTR) VariantClear(&value_);
+    }
 
     VARIANT* get() { return &value_; }
     const VARIANT* get() const { return &value_; }

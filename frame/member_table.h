@@ -23,6 +23,7 @@ struct member_param {
     bool by_reference;   // [in, out] pointer
     bool optional;
     member_default default_value;
+    const IID* interface_id;  // the interface an object argument is asked for; null: any
 };
 
 struct member_entry {
@@ -35,10 +36,15 @@ struct member_entry {
     unsigned param_count;        // not counting the retval
 };
 
+// Calls member `member` through the vtable: args[k] addresses parameter k's
+// value (a ByRef parameter's variable), result the retval's storage.
+using member_call = HRESULT (*)(IDispatch* object, unsigned member, void* const* args, void* result);
+
 struct interface_members {
     const IID* iid;
     const member_entry* members;
     unsigned count;
+    member_call call;  // null for an events interface
 };
 
 }  // namespace vx

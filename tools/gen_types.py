@@ -697,6 +697,48 @@ def default_vartype(value, node):
     return 'VT_I4'
 
 
+def interface_id_of(node):
+    """The IID a parameter's object is asked for, or nullptr for any object."""
+    if node[0] == 'ptr' and node[1][0] == 'user':
+        t = node[1][1]
+        if isinstance(t, ImportedType):
+            return '&IID_%s' % t.name
+        if t.kind == 'alias':
+            return '&IID_%s' % t.target
+        return '&%s%s' % ('IID_' if t.kind == 'interface' else 'DIID_', t.name)
+    return 'nullptr'
+
+
+def emit_call_thunk(w, t, name):
+    """A function that calls member i of the interface through its vtable with
+    arguments the dispatcher has prepared: args[k] addresses the value of
+    parameter k (for a ByRef parameter, the variable itself), result the
+    storage of the retval."""
+    w('inline HRESULT %s(IDispatch* object, unsigned member, void* const* args, void* result) {' % name)
+    w('    auto* self = static_cast<%s*>(object);' % t.name)
+    if not t.members:
+        w('    (void)self; (void)member; (void)args; (void)result;')
+        w('    return DISP_E_MEMBERNOTFOUND;')
+        w('}')
+        return
+    w('    (void)args; (void)result;')
+    w('    switch (member) {')
+    for i, m in enumerate(t.members):
+        actuals = []
+        for k, p in enumerate(m.params):
+            ctype = cpp_type(p.node)
+            if p.by_ref:
+                actuals.append('static_cast<%s*>(args[%d])' % (ctype, k))
+            else:
+                actuals.append('*static_cast<%s*>(args[%d])' % (ctype, k))
+        if m.result_node is not None:
+            actuals.append('static_cast<%s*>(result)' % cpp_type(m.result_node))
+        w('    case %d: return self->%s%s(%s);' % (i, CPP_PREFIX[m.kind], m.name, ', '.join(actuals)))
+    w('    default: return DISP_E_MEMBERNOTFOUND;')
+    w('    }')
+    w('}')
+
+
 def emit_header(lib):
     out = []
     w = out.append
@@ -800,9 +842,10 @@ def emit_header(lib):
             if m.params:
                 w('inline constexpr vx::member_param %s_%d[] = {' % (table, i))
                 for p in m.params:
-                    w('    {%s, %s, %s, %s, %s},' % (
+                    w('    {%s, %s, %s, %s, %s, %s},' % (
                         cpp_string(p.name), vartype_of(p.node), 'true' if p.by_ref else 'false',
-                        'true' if p.optional else 'false', default_init(p.default, p.node)))
+                        'true' if p.optional else 'false', default_init(p.default, p.node),
+                        interface_id_of(p.node)))
                 w('};')
         w('inline constexpr vx::member_entry %s[] = {' % table)
         for i, m in enumerate(t.members):
@@ -816,9 +859,16 @@ def emit_header(lib):
         if not t.members:
             w('    {nullptr, 0, INVOKE_FUNC, 0, VT_EMPTY, nullptr, 0},')
         w('};')
-        w('inline constexpr vx::interface_members interface_members_of_%s{&%s%s, %s, %d};' % (
+        call = 'nullptr'
+        if t.kind == 'interface':
+            call = 'call_%s' % t.name
+            emit_call_thunk(w, t, call)
+        w('inline constexpr vx::interface_members interface_members_of_%s{&%s%s, %s, %d, %s};' % (
             t.name, 'IID_' if t.kind == 'interface' else 'DIID_', t.name,
-            table if t.members else 'nullptr', len(t.members)))
+            table if t.members else 'nullptr', len(t.members), call))
+        if t.kind == 'interface':
+            w('inline const vx::interface_members& members_of(%s*) { return interface_members_of_%s; }' % (
+                t.name, t.name))
         w('')
     return '\n'.join(line for line in out) + '\n'
 
