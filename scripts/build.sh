@@ -3,7 +3,7 @@
 # something fails.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-build=$root/build
+build=${VXTYPES32_BUILD:-$root/build}
 log=$build/build.log
 
 "$root/scripts/setup.sh"

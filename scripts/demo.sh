@@ -3,8 +3,9 @@
 # and shows every class at work through a real script client.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+build=${VXTYPES32_BUILD:-$root/build}
 "$root/scripts/build.sh"
-wine_run=$root/build/wine-run
-"$wine_run" regsvr32 /s "$root/build/bin/vxTypes32.dll" || { echo "registration failed" >&2; exit 1; }
-"$root/build/cscript" "$root/demo/demo.vbs"
-WINEPREFIX=$root/build/wineprefix wineserver -k 2>/dev/null || true
+wine_run=$build/wine-run
+"$wine_run" regsvr32 /s "$build/bin/vxTypes32.dll" || { echo "registration failed" >&2; exit 1; }
+"$build/cscript" "$root/demo/demo.vbs"
+WINEPREFIX=$build/wineprefix wineserver -k 2>/dev/null || true
