@@ -34,6 +34,12 @@ com_ptr<Interface> create(REFCLSID clsid, REFIID iid) {
     return object;
 }
 
+// A new instance made by the test program's own copy of the frame, not the
+// DLL's: for tests that replace a runtime service (the clock, the message
+// box) through its seam, which only reaches this copy.
+template <class Interface>
+com_ptr<Interface> create_local(REFCLSID clsid, REFIID iid);
+
 // A string from an automation call's text, for messages and comparisons.
 std::wstring text_of(BSTR value);
 
@@ -48,3 +54,16 @@ error_info take_error_info();
 std::string hex(HRESULT hr);
 
 }  // namespace vx::test
+
+#include "frame/class_table.h"
+
+template <class Interface>
+vx::com_ptr<Interface> vx::test::create_local(REFCLSID clsid, REFIID iid) {
+    com_ptr<Interface> object;
+    const class_entry* entry = find_class(clsid);
+    EXPECT_NE(nullptr, entry) << "the class is not in the class table";
+    if (entry) {
+        EXPECT_EQ(S_OK, entry->create(*entry, iid, object.put_void()));
+    }
+    return object;
+}
