@@ -811,9 +811,15 @@ def emit_header(lib):
         w('#pragma pop_macro("%s")' % t.name)
         w('')
 
+    # Records keep their published names inside the library's namespace:
+    # OPENFILENAME and CHOOSECOLOR are also names of the Win32 headers.
+    w('namespace %s {' % lib.name)
+    w('')
     for t in lib.ordered:
         if t.kind == 'record':
             declare_record(t)
+    w('}  // namespace %s' % lib.name)
+    w('')
     for t in lib.ordered:
         if t.kind in ('interface', 'events'):
             w('struct %s;' % t.name)

@@ -9,6 +9,8 @@
 
 namespace {
 
+using namespace vxTypes32;
+
 // Bytes of a field, without naming its declared type.
 #define VX_BYTES(record, member) sizeof(std::declval<record&>().member)
 

@@ -19,6 +19,8 @@
 namespace vx::test {
 namespace {
 
+using namespace vxTypes32;
+
 std::string narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
 
 bool on_wine() {
