@@ -46,8 +46,19 @@ void* value_address(VARIANT& v) {
     return &V_UI1(&v);
 }
 
+// A declared default, as a value of the parameter's own type where that is
+// a plain number, else as the nearest automation value to be coerced.
 void default_value(const member_param& param, VARIANT& value) {
     const member_default& d = param.default_value;
+    if (d.type != VT_EMPTY && d.type != VT_BSTR) {
+        switch (param.type) {
+        case VT_I4: V_VT(&value) = VT_I4; V_I4(&value) = d.integer; return;
+        case VT_I2: V_VT(&value) = VT_I2; V_I2(&value) = static_cast<SHORT>(d.integer); return;
+        case VT_BOOL: V_VT(&value) = VT_BOOL; V_BOOL(&value) = d.integer ? VARIANT_TRUE : VARIANT_FALSE; return;
+        case VT_UI1: V_VT(&value) = VT_UI1; V_UI1(&value) = static_cast<BYTE>(d.integer); return;
+        default: break;
+        }
+    }
     switch (d.type) {
     case VT_EMPTY:
         // An optional Variant without a default arrives as "missing".
@@ -76,7 +87,7 @@ void default_value(const member_param& param, VARIANT& value) {
 class prepared_call {
 public:
     explicit prepared_call(unsigned count) : count_(count) {
-        for (unsigned k = 0; k < count_; ++k) VariantInit(&temporaries_[k]);
+        for (unsigned k = 0; k < count_; ++k) V_VT(&temporaries_[k]) = VT_EMPTY;
     }
     prepared_call(const prepared_call&) = delete;
     prepared_call& operator=(const prepared_call&) = delete;
@@ -98,7 +109,23 @@ public:
                 addresses_[k] = &temporary;
                 return S_OK;
             }
+            if (V_VT(&temporary) == param.type) {
+                addresses_[k] = value_address(temporary);
+                return S_OK;
+            }
             return coerce_in_place(k, param);
+        }
+        if (!param.by_reference && !param.interface_id && param.type != VT_VARIANT) {
+            // A value of exactly the parameter's type is read where it lies:
+            // a member never frees or changes what it takes by value.
+            if (V_VT(argument) == param.type) {
+                addresses_[k] = &V_UI1(argument);
+                return S_OK;
+            }
+            if (V_VT(argument) == (VT_BYREF | param.type)) {
+                addresses_[k] = V_BYREF(argument);
+                return S_OK;
+            }
         }
         if (param.by_reference) {
             // A variable of exactly the parameter's type is passed through.

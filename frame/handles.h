@@ -107,7 +107,7 @@ inline unique_bstr bstr_from(std::wstring_view text) {
 // A VARIANT that this code owns; cleared on destruction.
 class unique_variant {
 public:
-    unique_variant() { VariantInit(&value_); }
+    unique_variant() { V_VT(&value_) = VT_EMPTY; }
     unique_variant(const unique_variant&) = delete;
     unique_variant& operator=(const unique_variant&) = delete;
     // Values below VT_BSTR hold nothing to free; skipping the call keeps
