@@ -26,7 +26,20 @@ extern "C" HRESULT STDAPICALLTYPE DllCanUnloadNow() {
 }
 
 // S_OK once the type library and every class are in the registry.
-extern "C" HRESULT STDAPICALLTYPE DllRegisterServer() { return vx::register_server(); }
+extern "C" HRESULT STDAPICALLTYPE DllRegisterServer() {
+    return vx::register_server(vx::registration_scope::machine);
+}
 
 // S_OK once everything registration wrote is gone.
-extern "C" HRESULT STDAPICALLTYPE DllUnregisterServer() { return vx::unregister_server(); }
+extern "C" HRESULT STDAPICALLTYPE DllUnregisterServer() {
+    return vx::unregister_server(vx::registration_scope::machine);
+}
+
+// "regsvr32 /n /i:user" registers for the current user alone, and
+// "regsvr32 /u /n /i:user" removes that; any other command line acts
+// machine-wide, as DllRegisterServer and DllUnregisterServer do.
+extern "C" HRESULT STDAPICALLTYPE DllInstall(BOOL install, LPCWSTR command_line) {
+    const bool user = command_line && CompareStringOrdinal(command_line, -1, L"user", -1, TRUE) == CSTR_EQUAL;
+    const vx::registration_scope scope = user ? vx::registration_scope::user : vx::registration_scope::machine;
+    return install ? vx::register_server(scope) : vx::unregister_server(scope);
+}

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The DLL imports only DLLs that every Windows installation has, and exports
-# exactly its entry points, by plain name.
+# exactly its entry points, by plain name: the four of every in-process
+# server, and DllInstall for per-user registration.
 set -u
 dll=$1
 dump=$(i686-w64-mingw32-objdump -p "$dll") || { echo "cannot read $dll"; exit 1; }
@@ -15,7 +16,7 @@ while read -r imported; do
 done < <(echo "$dump" | sed -n 's/^\s*DLL Name: //p')
 
 exports=$(echo "$dump" | sed -n '/\[Ordinal\/Name Pointer\] Table/,/^$/p' | sed -n 's/^\s*\[\s*[0-9]*\] //p' | sort | tr '\n' ' ')
-expected='DllCanUnloadNow DllGetClassObject DllRegisterServer DllUnregisterServer '
+expected='DllCanUnloadNow DllGetClassObject DllInstall DllRegisterServer DllUnregisterServer '
 if [ "$exports" != "$expected" ]; then
     echo "exports are [$exports], expected [$expected]"
     status=1

@@ -39,6 +39,7 @@ const component& dll() {
         bind(c.module, "DllCanUnloadNow", c.can_unload_now);
         bind(c.module, "DllRegisterServer", c.register_server);
         bind(c.module, "DllUnregisterServer", c.unregister_server);
+        bind(c.module, "DllInstall", c.install);
         return c;
     }();
     if (!loaded.get_class_object) ADD_FAILURE() << "vxTypes32.dll did not load with its exports";

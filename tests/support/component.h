@@ -16,6 +16,7 @@ struct component {
     HRESULT(STDAPICALLTYPE* can_unload_now)() = nullptr;
     HRESULT(STDAPICALLTYPE* register_server)() = nullptr;
     HRESULT(STDAPICALLTYPE* unregister_server)() = nullptr;
+    HRESULT(STDAPICALLTYPE* install)(BOOL, LPCWSTR) = nullptr;
 };
 
 // Loaded once per test program; the DLL sits beside the program.
