@@ -19,14 +19,6 @@ namespace {
 constexpr const wchar_t* automation_proxy_stub = L"{00020424-0000-0000-C000-000000000046}";
 constexpr const wchar_t* dispatch_proxy_stub = L"{00020420-0000-0000-C000-000000000046}";
 
-std::wstring guid_text(REFGUID guid) {
-    wchar_t text[40] = {};
-    StringFromGUID2(guid, text, 40);
-    return text;
-}
-
-std::wstring prog_id(const class_entry& entry) { return std::wstring(L"vxTypes32.") + entry.name; }
-
 // Where the classes are written, and whether the platform's type-library
 // registration can be used there.
 class classes_root {
@@ -106,13 +98,17 @@ library_facts facts_of(ITypeLib* library) {
     return facts;
 }
 
-// An interface the marshaller serves: its IID, name and proxy-stub class.
-struct marshalled_interface {
-    std::wstring iid, name;
-    const wchar_t* proxy_stub;
-};
+}  // namespace
 
-std::vector<marshalled_interface> interfaces_of(ITypeLib* library) {
+std::wstring guid_text(REFGUID guid) {
+    wchar_t text[40] = {};
+    StringFromGUID2(guid, text, 40);
+    return text;
+}
+
+std::wstring prog_id(const class_entry& entry) { return std::wstring(L"vxTypes32.") + entry.name; }
+
+std::vector<marshalled_interface> marshalled_interfaces(ITypeLib* library) {
     std::vector<marshalled_interface> found;
     for (UINT i = 0; i < library->GetTypeInfoCount(); ++i) {
         com_ptr<ITypeInfo> info;
@@ -133,6 +129,8 @@ std::vector<marshalled_interface> interfaces_of(ITypeLib* library) {
     return found;
 }
 
+namespace {
+
 bool register_interface(HKEY root, const marshalled_interface& i, const library_facts& library) {
     const std::wstring key = L"Interface\\" + i.iid;
     return set_string(root, key, nullptr, i.name) &&
@@ -151,7 +149,7 @@ bool register_library_keys(HKEY root, ITypeLib* library, const library_facts& fa
         !set_string(root, key + L"\\HELPDIR", nullptr, folder) ||
         !set_string(root, key + L"\\0\\win32", nullptr, path))
         return false;
-    for (const marshalled_interface& i : interfaces_of(library))
+    for (const marshalled_interface& i : marshalled_interfaces(library))
         if (!register_interface(root, i, facts)) return false;
     return true;
 }
@@ -162,7 +160,7 @@ bool register_class(HKEY root, const class_entry& entry, const std::wstring& mod
     const std::wstring id = prog_id(entry);
     return set_string(root, clsid_key, nullptr, id) &&
            set_string(root, clsid_key + L"\\InprocServer32", nullptr, module_path) &&
-           set_string(root, clsid_key + L"\\InprocServer32", L"ThreadingModel", L"Apartment") &&
+           set_string(root, clsid_key + L"\\InprocServer32", L"ThreadingModel", threading_model) &&
            set_string(root, clsid_key + L"\\ProgID", nullptr, id) &&
            set_string(root, clsid_key + L"\\TypeLib", nullptr, libid) && set_string(root, id, nullptr, id) &&
            set_string(root, id + L"\\Clsid", nullptr, guid_text(*entry.clsid));
@@ -232,7 +230,7 @@ HRESULT unregister_server(registration_scope scope) {
             if (FAILED(UnRegisterTypeLib(a.guid, a.wMajorVerNum, a.wMinorVerNum, a.lcid, a.syskind)))
                 result = SELFREG_E_TYPELIB;
         } else {
-            for (const marshalled_interface& i : interfaces_of(library.get()))
+            for (const marshalled_interface& i : marshalled_interfaces(library.get()))
                 if (!delete_tree(root.get(), L"Interface\\" + i.iid)) result = SELFREG_E_TYPELIB;
             if (!delete_tree(root.get(), library_key + L"\\" + facts.version)) result = SELFREG_E_TYPELIB;
         }
