@@ -134,8 +134,8 @@ public:
                 addresses_[k] = V_BYREF(argument);
                 return S_OK;
             }
-            if (param.type == VT_VARIANT) {
-                addresses_[k] = V_VT(argument) == (VT_BYREF | VT_VARIANT) ? V_VARIANTREF(argument) : argument;
+            if (param.type == VT_VARIANT && V_VT(argument) == (VT_BYREF | VT_VARIANT)) {
+                addresses_[k] = V_VARIANTREF(argument);
                 return S_OK;
             }
             if (V_VT(argument) == (VT_BYREF | VT_VARIANT)) {
@@ -200,7 +200,8 @@ private:
         V_UNKNOWN(&temporary) = nullptr;
         V_VT(&temporary) = VT_EMPTY;
         if (FAILED(hr)) return DISP_E_TYPEMISMATCH;
-        V_VT(&temporary) = VT_UNKNOWN;
+        // The declared type, as it may go back into a caller's variable.
+        V_VT(&temporary) = param.type;
         V_UNKNOWN(&temporary) = asked;
         return S_OK;
     }
@@ -263,6 +264,9 @@ HRESULT invoke_member(const interface_members& members, IDispatch* object, unsig
     unique_variant retval;
     void* retval_address = retval.get();
     if (member.result_type != VT_EMPTY && member.result_type != VT_VARIANT) {
+        // Zeroed: a failed member leaves its retval unwritten, and the
+        // variant is still cleared.
+        std::memset(retval.get(), 0, sizeof(VARIANT));
         V_VT(retval.get()) = member.result_type;
         retval_address = &V_UI1(retval.get());
     }
@@ -306,16 +310,16 @@ HRESULT dispatch_ids_of_names(const interface_members& members, LPOLESTR* names,
     if (!found) return DISP_E_UNKNOWNNAME;
     ids[0] = found->dispid;
 
-    // Parameter names are found among the members of the same name, since a
-    // property's get and let share them.
+    // Parameter names are those of the first member of that name only, as
+    // ITypeInfo::GetIDsOfNames finds them: a let's parameter is unknown
+    // when its get comes first, and the value a put takes has no name in
+    // the type library.
+    const bool is_put = found->invoke_kind == INVOKE_PROPERTYPUT || found->invoke_kind == INVOKE_PROPERTYPUTREF;
+    const unsigned named = is_put && found->param_count > 0 ? found->param_count - 1 : found->param_count;
     HRESULT result = S_OK;
     for (UINT n = 1; n < count; ++n) {
-        for (unsigned i = 0; i < members.count && ids[n] == DISPID_UNKNOWN; ++i) {
-            const member_entry& m = members.members[i];
-            if (!same_name(m.name, found->name)) continue;
-            for (unsigned k = 0; k < m.param_count; ++k)
-                if (same_name(m.params[k].name, names[n])) ids[n] = static_cast<DISPID>(k);
-        }
+        for (unsigned k = 0; k < named && ids[n] == DISPID_UNKNOWN; ++k)
+            if (same_name(found->params[k].name, names[n])) ids[n] = static_cast<DISPID>(k);
         if (ids[n] == DISPID_UNKNOWN) result = DISP_E_UNKNOWNNAME;
     }
     return result;
@@ -331,9 +335,10 @@ HRESULT dispatch_invoke(const interface_members& members, IDispatch* object, DIS
     const UINT named = params->cNamedArgs;
     if (params->cArgs < named) return DISP_E_BADPARAMCOUNT;
     if (params->cArgs > member->param_count) {
-        // More arguments than a property takes index what it returns, as a
-        // collection.
-        if ((flags & DISPATCH_PROPERTYGET) && member->invoke_kind == INVOKE_PROPERTYGET && named == 0)
+        // Arguments given to a property that takes none index what it
+        // returns, as a collection.
+        if ((flags & DISPATCH_PROPERTYGET) && member->invoke_kind == INVOKE_PROPERTYGET && member->param_count == 0 &&
+            named == 0)
             return invoke_collection(members, object, index, *member, params, result, exception, argument_error);
         return DISP_E_BADPARAMCOUNT;
     }

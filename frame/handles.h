@@ -155,6 +155,8 @@ public:
         if (HKEY old = std::exchange(key_, nullptr)) RegCloseKey(old);
     }
     HKEY get() const { return key_; }
+    // Gives the handle up, for a close whose result the caller checks.
+    HKEY release() { return std::exchange(key_, nullptr); }
     HKEY* put() {
         reset();
         return &key_;

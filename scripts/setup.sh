@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Installs the cross toolchain, Wine (with its 32-bit part) and CMake from
-# Debian's packages. Idempotent: does nothing when everything is present.
+# Debian's packages, and Xvfb for the tests that need a display (a message
+# box). Idempotent: does nothing when everything is present.
 set -euo pipefail
 
 packages=(wine wine32:i386 wine64 libwine-dev gcc-mingw-w64-i686 g++-mingw-w64-i686
-          binutils-mingw-w64-i686 mingw-w64-tools cmake googletest)
+          binutils-mingw-w64-i686 mingw-w64-tools cmake googletest
+          xvfb xauth)
 
 missing=()
 for p in "${packages[@]}"; do

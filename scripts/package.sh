@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Builds everything and packs the release: the DLL, its type library, the
+# manifests for registration-free use, the Windows README and the example
+# scripts. The same sources give the same bytes: fixed file order, times
+# and owners, and no time stamp in the compressed stream.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${VXTYPES32_BUILD:-$root/build}
+"$root/scripts/build.sh"
+
+name=vxTypes32-1.00.0031
+stage=$build/package/$name
+rm -rf "$stage"
+mkdir -p "$stage/examples"
+cp "$build/bin/vxTypes32.dll" "$build/generated/vxTypes32.tlb" \
+   "$build/bin/vxTypes32.manifest" "$build/bin/vxTypes32.client.manifest" "$stage/"
+cp "$root/docs/WINDOWS.md" "$stage/README.md"
+cp "$root"/examples/* "$stage/examples/"
+
+archive=$build/package/$name.tar.gz
+tar --sort=name --mtime='2000-01-01 00:00:00 UTC' --owner=0 --group=0 --numeric-owner \
+    --mode='u=rwX,go=rX' -C "$build/package" -cf - "$name" | gzip -n -9 >"$archive"
+echo "$archive"

@@ -1,0 +1,588 @@
+// CComplexNumber: identities of the results, the worked values, the
+// failures and what they leave behind, operands of other implementations,
+// the text form, and the caller's x87 environment.
+#include "complex/complex_number.h"
+#include "frame/module.h"
+#include "support/component.h"
+#include "vxTypes32_types.h"
+
+#include <cfloat>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <string>
+
+namespace vx::test {
+namespace {
+
+using number = com_ptr<_CComplexNumber>;
+
+constexpr double infinity = std::numeric_limits<double>::infinity();
+constexpr double not_a_number = std::numeric_limits<double>::quiet_NaN();
+constexpr HRESULT overflow = static_cast<HRESULT>(0x800A0006);
+constexpr HRESULT division_by_zero = static_cast<HRESULT>(0x800A000B);
+constexpr HRESULT object_not_set = static_cast<HRESULT>(0x800A005B);
+
+// c with c² = 0.4 of the smallest subnormal: a power-made square rounds to
+// 0, while c·c + c·c in extended precision rounds s up to that subnormal.
+const double tiny = std::sqrt(0.4) * std::ldexp(1.0, -537);
+const double one_plus = 1 + std::ldexp(1.0, -30);
+
+struct value {
+    double real, imaginary;
+};
+
+// Bit for bit, so that -0 and +0 differ; any NaN matches any NaN.
+bool same(double a, double b) {
+    if (std::isnan(a) || std::isnan(b)) return std::isnan(a) && std::isnan(b);
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+value value_of(_CComplexNumber* z) {
+    value v{-7, -7};
+    EXPECT_EQ(S_OK, z->get_Real(&v.real));
+    EXPECT_EQ(S_OK, z->get_Imaginary(&v.imaginary));
+    return v;
+}
+
+::testing::AssertionResult holds(_CComplexNumber* z, value expected) {
+    if (!z) return ::testing::AssertionFailure() << "no object";
+    const value v = value_of(z);
+    if (same(v.real, expected.real) && same(v.imaginary, expected.imaginary)) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "holds " << v.real << ", " << v.imaginary << "i; expected "
+                                         << expected.real << ", " << expected.imaginary << "i";
+}
+
+number make(value v, bool local = false) {
+    number z = local ? create_local<_CComplexNumber>(CLSID_CComplexNumber, IID__CComplexNumber)
+                     : create<_CComplexNumber>(CLSID_CComplexNumber, IID__CComplexNumber);
+    if (z) {
+        z->put_Real(v.real);
+        z->put_Imaginary(v.imaginary);
+    }
+    return z;
+}
+
+enum class operation { Add, Add2, Subtract2, Multiply2, Multiply, Divide, Reciprocal, Divide2, Magnitude };
+
+const wchar_t* name_of(operation o) {
+    switch (o) {
+    case operation::Add: return L"Add";
+    case operation::Add2: return L"Add2";
+    case operation::Subtract2: return L"Subtract2";
+    case operation::Multiply2: return L"Multiply2";
+    case operation::Multiply: return L"Multiply";
+    case operation::Divide: return L"Divide";
+    case operation::Reciprocal: return L"Reciprocal";
+    case operation::Divide2: return L"Divide2";
+    case operation::Magnitude: return L"Magnitude";
+    }
+    return L"?";
+}
+
+// What a call gave: the result object or Magnitude's Double, and whether a
+// failed call left the retval alone.
+struct outcome {
+    HRESULT hr = E_UNEXPECTED;
+    number result;
+    double magnitude = 0;
+    bool retval_untouched = true;
+};
+
+_CComplexNumber* const untouched = reinterpret_cast<_CComplexNumber*>(0x5A5A5A5A);
+
+// Calls the operation on z with operand c + di: as arguments for the
+// members that take Doubles, as an object of this class for the others,
+// or the object given.
+outcome apply(_CComplexNumber* z, operation o, value operand, _CComplexNumber* object = nullptr,
+              bool unset_operand = false) {
+    number made;
+    if (!object && !unset_operand) {
+        made = make(operand);
+        object = made.get();
+    }
+    double c = operand.real, d = operand.imaginary;
+    outcome out;
+    _CComplexNumber* raw = untouched;
+    const double magnitude_sentinel = -12345;
+    double magnitude = magnitude_sentinel;
+    switch (o) {
+    case operation::Add: out.hr = z->Add(&object, &raw); break;
+    case operation::Add2: out.hr = z->Add2(&c, &d, &raw); break;
+    case operation::Subtract2: out.hr = z->Subtract2(&c, &d, &raw); break;
+    case operation::Multiply2: out.hr = z->Multiply2(&c, &d, &raw); break;
+    case operation::Multiply: out.hr = z->Multiply(&object, &raw); break;
+    case operation::Divide: out.hr = z->Divide(&object, &raw); break;
+    case operation::Reciprocal: out.hr = z->Reciprocal(&raw); break;
+    case operation::Divide2: out.hr = z->Divide2(&c, &d, &raw); break;
+    case operation::Magnitude: out.hr = z->Magnitude(&magnitude); break;
+    }
+    if (SUCCEEDED(out.hr)) {
+        if (o == operation::Magnitude)
+            out.magnitude = magnitude;
+        else
+            out.result = number::attach(raw);
+    } else {
+        out.retval_untouched = raw == untouched && magnitude == magnitude_sentinel;
+    }
+    EXPECT_TRUE(same(c, operand.real) && same(d, operand.imaginary)) << "the arguments were written";
+    return out;
+}
+
+// ---- Identities -----------------------------------------------------------
+
+TEST(ComplexNumber, NewObjectIsZero) {
+    number z = make({0, 0});
+    _CComplexNumber* fresh = nullptr;
+    ASSERT_EQ(S_OK, create<IUnknown>(CLSID_CComplexNumber, IID_IUnknown)->QueryInterface(IID__CComplexNumber,
+                                                                                       reinterpret_cast<void**>(&fresh)));
+    number owned = number::attach(fresh);
+    EXPECT_TRUE(holds(fresh, {0, 0}));
+    unique_bstr text;
+    ASSERT_EQ(S_OK, fresh->Text(text.put()));
+    EXPECT_EQ(L"0", text_of(text.get()));
+    double magnitude = -1;
+    ASSERT_EQ(S_OK, fresh->Magnitude(&magnitude));
+    EXPECT_TRUE(same(0.0, magnitude));
+    com_ptr<IUnknown> earlier_user_info;
+    EXPECT_EQ(E_NOINTERFACE, fresh->QueryInterface(IID_UserInfo___v0, earlier_user_info.put_void()));
+}
+
+TEST(ComplexNumber, InitAndAddReturnTheObjectItselfAndValueOperationsNewOnes) {
+    number z = make({1, 2});
+    number operand = make({3, 4});
+    _CComplexNumber* raw = nullptr;
+    double c = 5, d = 6;
+    ASSERT_EQ(S_OK, z->Init(&c, &d, &raw));
+    EXPECT_EQ(z.get(), raw) << "Init";
+    const ULONG references = z->AddRef();
+    z->Release();
+    EXPECT_EQ(3u, references) << "Init added one reference";
+    raw->Release();
+    EXPECT_TRUE(holds(z.get(), {5, 6})) << "Init";
+    _CComplexNumber* other = operand.get();
+    ASSERT_EQ(S_OK, z->Add(&other, &raw));
+    EXPECT_EQ(z.get(), raw) << "Add";
+    raw->Release();
+    EXPECT_TRUE(holds(z.get(), {8, 10})) << "Add";
+
+    ASSERT_EQ(S_OK, z->Complex(&c, &d, &raw));
+    number made = number::attach(raw);
+    EXPECT_NE(z.get(), raw) << "Complex";
+    EXPECT_TRUE(holds(raw, {5, 6})) << "Complex";
+    EXPECT_TRUE(holds(z.get(), {8, 10})) << "Complex changed the object";
+    for (operation o : {operation::Add2, operation::Subtract2, operation::Multiply2, operation::Multiply,
+                        operation::Divide, operation::Reciprocal, operation::Divide2}) {
+        outcome out = apply(z.get(), o, {3, 4}, operand.get());
+        ASSERT_EQ(S_OK, out.hr) << name_of(o);
+        EXPECT_NE(z.get(), out.result.get()) << name_of(o);
+        EXPECT_NE(operand.get(), out.result.get()) << name_of(o);
+        EXPECT_TRUE(holds(z.get(), {8, 10})) << name_of(o) << " changed the object";
+        EXPECT_TRUE(holds(operand.get(), {3, 4})) << name_of(o) << " changed the operand";
+    }
+}
+
+// ---- Values ---------------------------------------------------------------
+
+TEST(ComplexNumber, WorkedValues) {
+    const double max = DBL_MAX;
+    struct row {
+        const char* name;
+        value z;
+        operation o;
+        value operand;
+        value expected;
+    };
+    const row rows[] = {
+        {"sum", {1, 2}, operation::Add2, {3, 4}, {4, 6}},
+        {"difference", {1, 2}, operation::Subtract2, {3, 4}, {-2, -2}},
+        {"product of Doubles", {1, 2}, operation::Multiply2, {3, 4}, {-5, 10}},
+        {"product of objects", {1, 2}, operation::Multiply, {3, 4}, {-5, 10}},
+        {"quotient by Divide", {1, 2}, operation::Divide, {3, 4}, {0.44, 0.08}},
+        {"quotient by Divide2", {1, 2}, operation::Divide2, {3, 4}, {0.44, 0.08}},
+        {"reciprocal", {3, 4}, operation::Reciprocal, {}, {0.12, -0.16}},
+        {"in-place sum", {1, 2}, operation::Add, {3, 4}, {4, 6}},
+        {"products beyond Double cancel", {1e200, 1e200}, operation::Multiply2, {1e200, 1e200}, {0, infinity}},
+        {"largest Double doubled by Add2", {max, 0}, operation::Add2, {max, 0}, {infinity, 0}},
+        {"a part beyond the range is -inf", {-max, 1}, operation::Subtract2, {max, 1}, {-infinity, 0}},
+        {"numerator beyond Double", {std::ldexp(1.0, 700), std::ldexp(1.0, 700)}, operation::Divide,
+         {std::ldexp(1.0, 500), std::ldexp(1.0, 500)}, {std::ldexp(1.0, 200), 0}},
+        {"quotient beyond Double", {1e300, 0}, operation::Divide2, {1e-10, 0}, {infinity, 0}},
+        {"Divide by zero", {1, 2}, operation::Divide, {0, 0}, {0, 0}},
+        {"Reciprocal of zero", {0, 0}, operation::Reciprocal, {}, {0, 0}},
+        {"Divide by squares underflowing to zero", {1, 0}, operation::Divide, {tiny, tiny}, {0, 0}},
+        {"Divide2 by an s rounded up to the smallest subnormal", {1, 0}, operation::Divide2, {tiny, tiny},
+         {std::ldexp(tiny, 1074), -std::ldexp(tiny, 1074)}},
+        {"Reciprocal of a square underflowing to zero", {std::ldexp(1.0, -600), 0}, operation::Reciprocal, {}, {0, 0}},
+        {"64-bit intermediate product", {one_plus, 1}, operation::Multiply2, {one_plus, 1},
+         {std::ldexp(1.0, -29) + std::ldexp(1.0, -60), 2 + std::ldexp(1.0, -29)}},
+    };
+    for (const row& r : rows) {
+        number z = make(r.z);
+        outcome out = apply(z.get(), r.o, r.operand);
+        ASSERT_EQ(S_OK, out.hr) << r.name << ": " << hex(out.hr);
+        EXPECT_TRUE(holds(out.result.get(), r.expected)) << r.name;
+    }
+    // z with itself as the operand.
+    const value squares[] = {{1, 2}, {-2.5, 0}, {0, 7}, {0.5, 0.25}, {std::ldexp(1.0, 300), -std::ldexp(1.0, 300)}};
+    for (const value& v : squares) {
+        number z = make(v);
+        EXPECT_TRUE(holds(apply(z.get(), operation::Divide, {}, z.get()).result.get(), {1, 0})) << v.real << " z/z";
+        EXPECT_TRUE(holds(apply(z.get(), operation::Multiply, {}, z.get()).result.get(),
+                          {v.real * v.real - v.imaginary * v.imaginary, 2 * v.real * v.imaginary}))
+            << v.real << " z*z";
+        EXPECT_TRUE(holds(z.get(), v)) << v.real << " z changed";
+        EXPECT_TRUE(holds(apply(z.get(), operation::Add, {}, z.get()).result.get(), {2 * v.real, 2 * v.imaginary}))
+            << v.real << " z.Add(z)";
+    }
+}
+
+TEST(ComplexNumber, MagnitudeIsTheSquaredModulusFromThePowerOperation) {
+    struct row {
+        const char* name;
+        value z;
+        double expected;
+    };
+    const row rows[] = {
+        {"3+4i", {3, 4}, 25},
+        {"squares underflow one by one", {tiny, tiny}, 0},
+        {"-0", {-0.0, 0}, 0},
+    };
+    for (const row& r : rows) {
+        number z = make(r.z);
+        outcome out = apply(z.get(), operation::Magnitude, {});
+        ASSERT_EQ(S_OK, out.hr) << r.name;
+        EXPECT_TRUE(same(r.expected, out.magnitude)) << r.name << ": " << out.magnitude;
+    }
+}
+
+// ---- Failures ---------------------------------------------------------------
+
+TEST(ComplexNumber, FailuresRaiseTheRuntimesErrorsAndLeaveTheRetvalAlone) {
+    const double max = DBL_MAX;
+    struct row {
+        const char* name;
+        value z;
+        operation o;
+        value operand;
+        HRESULT expected;
+        value z_after;
+        bool unset_operand = false;
+    };
+    const row rows[] = {
+        {"inf + -inf", {infinity, 0}, operation::Add2, {-infinity, 0}, overflow, {infinity, 0}},
+        {"inf - inf", {0, infinity}, operation::Subtract2, {0, infinity}, overflow, {0, infinity}},
+        {"0 * inf", {infinity, 0}, operation::Multiply2, {0, 0}, overflow, {infinity, 0}},
+        {"0 * inf through an object", {0, 1}, operation::Multiply, {infinity, 0}, overflow, {0, 1}},
+        {"Divide2 by 0 + 0i", {1, 2}, operation::Divide2, {0, 0}, overflow, {1, 2}},
+        {"Divide2 of 0 by 0 + 0i", {0, 0}, operation::Divide2, {0, 0}, overflow, {0, 0}},
+        {"Divide2 by an s underflowing to zero", {1, 0}, operation::Divide2, {1e-170, 0}, division_by_zero, {1, 0}},
+        {"Magnitude with a real part of 1e160", {1e160, 0}, operation::Magnitude, {}, overflow, {1e160, 0}},
+        {"Magnitude with an imaginary part of -1e160", {0, -1e160}, operation::Magnitude, {}, overflow, {0, -1e160}},
+        {"Magnitude of an infinity", {infinity, 0}, operation::Magnitude, {}, overflow, {infinity, 0}},
+        {"Divide with s beyond Double", {1, 1}, operation::Divide, {1e160, 0}, overflow, {1, 1}},
+        {"Divide2 with s beyond Double", {1, 1}, operation::Divide2, {0, 1e160}, overflow, {1, 1}},
+        {"Reciprocal with s beyond Double", {1e160, 1}, operation::Reciprocal, {}, overflow, {1e160, 1}},
+        {"largest Double doubled by Add", {max, 1}, operation::Add, {max, 0}, overflow, {infinity, 1}},
+        {"Add overflowing the imaginary part", {1, max}, operation::Add, {2, max}, overflow, {3, infinity}},
+        {"Add of inf and -inf", {infinity, 1}, operation::Add, {-infinity, 1}, overflow, {not_a_number, 1}},
+        {"Add of nothing", {1, 2}, operation::Add, {}, object_not_set, {1, 2}, true},
+        {"Multiply by nothing", {1, 2}, operation::Multiply, {}, object_not_set, {1, 2}, true},
+        {"Divide by nothing", {1, 2}, operation::Divide, {}, object_not_set, {1, 2}, true},
+    };
+    for (const row& r : rows) {
+        number z = make(r.z);
+        outcome out = apply(z.get(), r.o, r.operand, nullptr, r.unset_operand);
+        EXPECT_EQ(hex(r.expected), hex(out.hr)) << r.name;
+        EXPECT_TRUE(out.retval_untouched) << r.name;
+        const error_info error = take_error_info();
+        EXPECT_EQ(std::wstring(L"CComplexNumber.") + name_of(r.o), error.source) << r.name;
+        const std::wstring description = r.expected == overflow           ? L"Overflow"
+                                         : r.expected == division_by_zero ? L"Division by zero"
+                                                                          : L"Object variable or With block variable not set";
+        EXPECT_EQ(description, error.description) << r.name;
+        EXPECT_TRUE(holds(z.get(), r.z_after)) << r.name;
+    }
+}
+
+TEST(ComplexNumber, AFailedValueOperationReleasesItsResult) {
+    // Objects of the test program's own frame, so that its count is ours.
+    struct row {
+        const char* name;
+        operation o;
+        value operand;
+    };
+    const row rows[] = {
+        {"invalid real part", operation::Multiply2, {0, infinity}},
+        {"invalid imaginary part", operation::Multiply2, {infinity, 0}},
+        {"division by zero", operation::Divide2, {1e-170, 0}},
+        {"s beyond Double", operation::Divide, {1e160, 0}},
+    };
+    for (const row& r : rows) {
+        {
+            number z = make({1, 0}, true);
+            number operand = make(r.operand, true);
+            EXPECT_TRUE(FAILED(apply(z.get(), r.o, r.operand, operand.get()).hr)) << r.name;
+        }
+        EXPECT_FALSE(module::in_use()) << r.name << ": an object was left alive";
+    }
+}
+
+// ---- Operands of another implementation ---------------------------------------
+
+// An operand of its own: getters only; any other call is a fault.
+class stub_operand final : public _CComplexNumber, public ISupportErrorInfo {
+public:
+    value parts{0, 0};
+    HRESULT imaginary_failure = S_OK;
+    bool supports_error_info = true;
+    int reads = 0;
+
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
+        *object = nullptr;
+        if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch) || IsEqualIID(iid, IID__CComplexNumber))
+            *object = static_cast<_CComplexNumber*>(this);
+        else if (IsEqualIID(iid, IID_ISupportErrorInfo) && supports_error_info)
+            *object = static_cast<ISupportErrorInfo*>(this);
+        else
+            return E_NOINTERFACE;
+        return S_OK;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
+    ULONG STDMETHODCALLTYPE Release() override { return 1; }
+    HRESULT STDMETHODCALLTYPE InterfaceSupportsErrorInfo(REFIID iid) override {
+        return IsEqualIID(iid, IID__CComplexNumber) ? S_OK : S_FALSE;
+    }
+    HRESULT STDMETHODCALLTYPE get_Real(DOUBLE* result) override {
+        ++reads;
+        // An invalid operation of the getter's own, whose flag it leaves
+        // set: no error of the member's.
+        volatile double zero = 0, unbounded = infinity;
+        zero = zero * unbounded;
+        *result = parts.real;
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE get_Imaginary(DOUBLE* result) override {
+        ++reads;
+        if (FAILED(imaginary_failure)) {
+            automation_error error{static_cast<long>(imaginary_failure & 0xFFFF), L"Stub.Imaginary", L"stub refused"};
+            if (supports_error_info) set_error_info(error);
+            return imaginary_failure;
+        }
+        *result = parts.imaginary;
+        return S_OK;
+    }
+    HRESULT unexpected(const char* what) {
+        ADD_FAILURE() << "unexpected call to the operand: " << what;
+        return E_UNEXPECTED;
+    }
+    HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT*) override { return unexpected("GetTypeInfoCount"); }
+    HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return unexpected("GetTypeInfo"); }
+    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override {
+        return unexpected("GetIDsOfNames");
+    }
+    HRESULT STDMETHODCALLTYPE Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*, UINT*) override {
+        return unexpected("Invoke");
+    }
+    HRESULT STDMETHODCALLTYPE put_Real(DOUBLE) override { return unexpected("put_Real"); }
+    HRESULT STDMETHODCALLTYPE put_Imaginary(DOUBLE) override { return unexpected("put_Imaginary"); }
+    HRESULT STDMETHODCALLTYPE Init(DOUBLE*, DOUBLE*, _CComplexNumber**) override { return unexpected("Init"); }
+    HRESULT STDMETHODCALLTYPE Complex(DOUBLE*, DOUBLE*, _CComplexNumber**) override { return unexpected("Complex"); }
+    HRESULT STDMETHODCALLTYPE Add(_CComplexNumber**, _CComplexNumber**) override { return unexpected("Add"); }
+    HRESULT STDMETHODCALLTYPE Add2(DOUBLE*, DOUBLE*, _CComplexNumber**) override { return unexpected("Add2"); }
+    HRESULT STDMETHODCALLTYPE Subtract2(DOUBLE*, DOUBLE*, _CComplexNumber**) override { return unexpected("Subtract2"); }
+    HRESULT STDMETHODCALLTYPE Multiply2(DOUBLE*, DOUBLE*, _CComplexNumber**) override { return unexpected("Multiply2"); }
+    HRESULT STDMETHODCALLTYPE Multiply(_CComplexNumber**, _CComplexNumber**) override { return unexpected("Multiply"); }
+    HRESULT STDMETHODCALLTYPE Divide(_CComplexNumber**, _CComplexNumber**) override { return unexpected("Divide"); }
+    HRESULT STDMETHODCALLTYPE Reciprocal(_CComplexNumber**) override { return unexpected("Reciprocal"); }
+    HRESULT STDMETHODCALLTYPE Magnitude(DOUBLE*) override { return unexpected("Magnitude"); }
+    HRESULT STDMETHODCALLTYPE Divide2(DOUBLE*, DOUBLE*, _CComplexNumber**) override { return unexpected("Divide2"); }
+    HRESULT STDMETHODCALLTYPE Text(BSTR*) override { return unexpected("Text"); }
+};
+
+TEST(ComplexNumber, OperandsAreReadThroughTheirGettersAndTheirFailuresRaised) {
+    for (operation o : {operation::Add, operation::Multiply, operation::Divide}) {
+        number z = make({1, 2});
+        stub_operand operand;
+        operand.parts = {3, 4};
+        outcome out = apply(z.get(), o, {}, &operand);
+        ASSERT_EQ(S_OK, out.hr) << name_of(o);
+        const value expected = o == operation::Add ? value{4, 6} : o == operation::Multiply ? value{-5, 10} : value{0.44, 0.08};
+        EXPECT_TRUE(holds(o == operation::Add ? z.get() : out.result.get(), expected)) << name_of(o);
+        EXPECT_GT(operand.reads, 0) << name_of(o);
+    }
+    struct row {
+        const char* name;
+        operation o;
+        HRESULT failure;
+        bool supports_error_info;
+        const wchar_t* source;
+        const wchar_t* description;
+        value z_after;
+    };
+    const row rows[] = {
+        {"Multiply, error info", operation::Multiply, static_cast<HRESULT>(0x800A0005), true, L"Stub.Imaginary",
+         L"stub refused", {1, 2}},
+        {"Divide, error info", operation::Divide, static_cast<HRESULT>(0x800A0005), true, L"Stub.Imaginary",
+         L"stub refused", {1, 2}},
+        {"Multiply, no error info", operation::Multiply, E_FAIL, false, L"CComplexNumber.Multiply", nullptr, {1, 2}},
+        // Add has stored the real sum when it reads the imaginary part.
+        {"Add, error info", operation::Add, static_cast<HRESULT>(0x800A0005), true, L"Stub.Imaginary", L"stub refused",
+         {4, 2}},
+    };
+    for (const row& r : rows) {
+        number z = make({1, 2});
+        stub_operand operand;
+        operand.parts = {3, 4};
+        operand.imaginary_failure = r.failure;
+        operand.supports_error_info = r.supports_error_info;
+        outcome out = apply(z.get(), r.o, {}, &operand);
+        EXPECT_EQ(hex(r.failure), hex(out.hr)) << r.name;
+        EXPECT_TRUE(out.retval_untouched) << r.name;
+        const error_info error = take_error_info();
+        EXPECT_EQ(r.source, error.source) << r.name;
+        if (r.description) {
+            EXPECT_EQ(r.description, error.description) << r.name;
+        }
+        EXPECT_TRUE(holds(z.get(), r.z_after)) << r.name;
+    }
+}
+
+// ---- Text ---------------------------------------------------------------------
+
+std::wstring text_form(_CComplexNumber* z) {
+    unique_bstr text;
+    EXPECT_EQ(S_OK, z->Text(text.put()));
+    return vx::test::text_of(text.get());
+}
+
+TEST(ComplexNumber, TextFollowsItsFourRules) {
+    struct row {
+        value z;
+        const wchar_t* point;  // with "." as the separator
+        const wchar_t* comma;  // in a locale with ","
+    };
+    const row rows[] = {
+        {{3, 4}, L"3+4i", L"3+4i"},
+        {{3, -4}, L"3-4i", L"3-4i"},
+        {{1, 1}, L"1+1i", L"1+1i"},
+        {{0, 2.5}, L"2.5i", L"2,5i"},
+        {{0, -1}, L"-1i", L"-1i"},
+        {{-1.5, 0}, L"-1.5", L"-1,5"},
+        {{0, 0}, L"0", L"0"},
+        {{0.44, 0.08}, L"0.44+0.08i", L"0,44+0,08i"},
+        {{-0.125, -1234567.5}, L"-0.125-1234567.5i", L"-0,125-1234567,5i"},
+        {{2.0 / 3, 0}, L"0.666666666666667", L"0,666666666666667"},
+        {{1e20, -1e-20}, L"1E+20-1E-20i", L"1E+20-1E-20i"},
+        {{-0.0, 5}, L"5i", L"5i"},
+    };
+    // The seam replaces the user's locale in the test program's own frame;
+    // changing the user's settings would reach every process of the prefix.
+    for (LCID locale : {LCID(0x0409), LCID(0x0407)}) {
+        const scoped_complex_text_locale replaced(locale);
+        for (const row& r : rows) {
+            number z = make(r.z, true);
+            EXPECT_EQ(locale == 0x0409 ? r.point : r.comma, text_form(z.get())) << "locale " << locale;
+        }
+    }
+    wchar_t separator[8] = {};
+    GetLocaleInfoW(LOCALE_USER_DEFAULT, LOCALE_SDECIMAL, separator, 8);
+    number z = make({0, 2.5});
+    EXPECT_EQ(L"2" + std::wstring(separator) + L"5i", text_form(z.get())) << "the user's separator";
+}
+
+// ---- The caller's x87 environment ----------------------------------------------
+
+unsigned short control_word() {
+    unsigned short word;
+    asm volatile("fnstcw %0" : "=m"(word));
+    return word;
+}
+unsigned short exception_flags() {
+    unsigned short status;
+    asm volatile("fnstsw %0" : "=m"(status));
+    return status & 0x3F;
+}
+void load_control_word(unsigned short word) { asm volatile("fnclex\n\tfldcw %0" : : "m"(word)); }
+
+// An x87 trap would end the program; this counts it and lets it go on with
+// every exception masked.
+volatile LONG float_traps = 0;
+LONG CALLBACK count_float_trap(EXCEPTION_POINTERS* info) {
+    const DWORD code = info->ExceptionRecord->ExceptionCode;
+    if (code < EXCEPTION_FLT_DENORMAL_OPERAND || code > EXCEPTION_FLT_UNDERFLOW) return EXCEPTION_CONTINUE_SEARCH;
+    if (InterlockedIncrement(&float_traps) > 100) return EXCEPTION_CONTINUE_SEARCH;
+    info->ContextRecord->FloatSave.ControlWord |= 0x3F;
+    info->ContextRecord->FloatSave.StatusWord &= ~0x80FFu;
+    return EXCEPTION_CONTINUE_EXECUTION;
+}
+
+TEST(ComplexNumber, SetsItsOwnX87EnvironmentAndGivesTheCallersBack) {
+    PVOID handler = AddVectoredExceptionHandler(1, count_float_trap);
+    struct caller {
+        const char* name;
+        unsigned short control;
+    };
+    const caller callers[] = {
+        {"53-bit precision, as Windows starts threads", 0x027F},
+        {"64-bit precision", 0x037F},
+        {"24-bit precision", 0x007F},
+        {"rounding toward zero", 0x0E7F},
+        {"invalid, zero-divide and overflow unmasked", 0x0272},
+    };
+    struct row {
+        const char* name;
+        value z;
+        operation o;
+        value operand;
+        HRESULT expected_hr;
+        value expected;
+    };
+    const row rows[] = {
+        {"64-bit intermediate product", {one_plus, 1}, operation::Multiply2, {one_plus, 1}, S_OK,
+         {std::ldexp(1.0, -29) + std::ldexp(1.0, -60), 2 + std::ldexp(1.0, -29)}},
+        {"rounded to nearest", {10, 0}, operation::Reciprocal, {}, S_OK, {0.1, -0.0}},
+        {"overflow at the rounding", {DBL_MAX, 0}, operation::Add2, {DBL_MAX, 0}, S_OK, {infinity, 0}},
+        {"invalid", {1, 2}, operation::Divide2, {0, 0}, overflow, {}},
+        {"division by zero", {1, 0}, operation::Divide2, {1e-170, 0}, division_by_zero, {}},
+        {"sum of squares beyond Double", {1e160, 0}, operation::Magnitude, {}, overflow, {}},
+    };
+    for (const caller& c : callers) {
+        for (const row& r : rows) {
+            number z = make(r.z);
+            const unsigned short ours = control_word();
+            float_traps = 0;
+            load_control_word(c.control);
+            volatile double inexact = 1.0;
+            inexact = inexact / 3;  // the caller's own sticky flag: precision
+            outcome out = apply(z.get(), r.o, r.operand);
+            const unsigned short control_after = control_word(), flags_after = exception_flags();
+            load_control_word(ours);
+            EXPECT_EQ(0, float_traps) << c.name << ", " << r.name;
+            EXPECT_EQ(c.control, control_after) << c.name << ", " << r.name << ": control word not restored";
+            EXPECT_EQ(0x20, flags_after) << c.name << ", " << r.name << ": the caller's flags not restored";
+            EXPECT_EQ(hex(r.expected_hr), hex(out.hr)) << c.name << ", " << r.name;
+            if (SUCCEEDED(r.expected_hr) && out.result) {
+                EXPECT_TRUE(holds(out.result.get(), r.expected)) << c.name << ", " << r.name;
+            }
+        }
+        // Comparing a NaN part raises the invalid-operation exception.
+        number z = make({1, not_a_number});
+        const unsigned short ours = control_word();
+        float_traps = 0;
+        load_control_word(c.control);
+        unique_bstr text;
+        const HRESULT hr = z->Text(text.put());
+        const unsigned short control_after = control_word(), flags_after = exception_flags();
+        load_control_word(ours);
+        EXPECT_EQ(S_OK, hr) << c.name << ", Text";
+        EXPECT_EQ(0, float_traps) << c.name << ", Text";
+        EXPECT_EQ(c.control, control_after) << c.name << ", Text";
+        EXPECT_EQ(0, flags_after) << c.name << ", Text";
+        EXPECT_EQ(L"11.#QNANi", vx::test::text_of(text.get())) << c.name << ", Text";
+    }
+    RemoveVectoredExceptionHandler(handler);
+}
+
+}  // namespace
+}  // namespace vx::test

@@ -1,0 +1,38 @@
+// What the imaging tests share: sections made through the DLL, their pixel
+// memory, and a count of the process's GDI objects.
+#pragma once
+
+#include "support/component.h"
+#include "vxTypes32_types.h"
+
+#include <cstdint>
+#include <string>
+
+namespace vx::test {
+
+constexpr HRESULT automation_error_number(long number) { return static_cast<HRESULT>(0x800A0000 + number); }
+
+com_ptr<_cDIBSection> new_section();
+// A live section of the size; the test fails when Create refuses it.
+com_ptr<_cDIBSection> new_section(long width, long height);
+
+struct section_facts {
+    long width = 0, height = 0, stride = 0, hdc = 0, hdib = 0, bits = 0;
+};
+section_facts facts_of(_cDIBSection* section);
+
+// Byte (x, y) of the pixel memory: y counts scan lines in memory order.
+unsigned char* bits_of(_cDIBSection* section);
+
+// The colour (0xRRGGBB) of the pixel at (x, y) as a DC sees it, y from the
+// top: in a bottom-up section that is scan line height - 1 - y.
+std::uint32_t pixel_at(_cDIBSection* section, long x, long y);
+void set_pixel(_cDIBSection* section, long x, long y, std::uint32_t rgb);
+
+// GDI objects of this process: GetGuiResources where the platform counts
+// them, otherwise the live entries of the process's GDI handle table.
+long gdi_object_count();
+
+std::string narrow(const std::wstring& text);
+
+}  // namespace vx::test

@@ -1,0 +1,56 @@
+// Long loops of both imaging classes leave the process with as many GDI
+// objects as before.
+#include "imaging/imaging_support.h"
+
+#include <functional>
+
+namespace vx::test {
+namespace {
+
+void one_section_round() {
+    com_ptr<_cDIBSection> section = new_section(40, 30);
+    section->RandomiseBits(VARIANT_FALSE);
+    com_ptr<_cDIBSection> larger, same;
+    section->Resample(45, 61, larger.put());
+    section->Resample(30, 40, same.put());
+    VARIANT_BOOL made = VARIANT_FALSE;
+    section->Create(12, 9, &made);  // a second Create releases the first
+    section->Create(0, 9, &made);   // and a refused one too
+}
+
+void one_masked_round() {
+    HDC screen = GetDC(nullptr);
+    HBITMAP bitmap = CreateCompatibleBitmap(screen, 20, 10), second = CreateCompatibleBitmap(screen, 5, 5);
+    ReleaseDC(nullptr, screen);
+    {
+        com_ptr<_clsBitmap> masked = create<_clsBitmap>(CLSID_clsBitmap, IID__clsBitmap);
+        LONG handle = static_cast<LONG>(reinterpret_cast<LONG_PTR>(bitmap)), dc = 0;
+        VARIANT_BOOL done = VARIANT_FALSE;
+        masked->SetBitmap(&handle, &done);
+        masked->get_InvertImageDC(&dc);
+        masked->get_MaskDC(&dc);
+        handle = static_cast<LONG>(reinterpret_cast<LONG_PTR>(second));
+        masked->SetBitmap(&handle, &done);
+    }
+    DeleteObject(bitmap);
+    DeleteObject(second);
+}
+
+TEST(GdiUse, LoopsLeaveNoObjectsBehind) {
+    struct row {
+        const char* label;
+        std::function<void()> round;
+    };
+    const row rows[] = {{"cDIBSection create, resample, release", one_section_round},
+                        {"clsBitmap set, build, release", one_masked_round}};
+    for (const row& r : rows) {
+        for (int i = 0; i < 5; ++i) r.round();  // the platform's own first-use objects
+        const long before = gdi_object_count();
+        ASSERT_GT(before, 0) << "GDI objects can be counted";
+        for (int i = 0; i < 400; ++i) r.round();
+        EXPECT_EQ(before, gdi_object_count()) << r.label;
+    }
+}
+
+}  // namespace
+}  // namespace vx::test

@@ -1,0 +1,151 @@
+// Sinks for clsQuickSort's events, built the way a compiled VB client
+// builds its WithEvents sink: an IDispatch that also answers for the events
+// interface and takes the events by DISPID. They keep an item store of
+// their own, addressed by the sorter's indices.
+#pragma once
+
+#include "support/component.h"
+#include "vxTypes32_types.h"
+
+#include <ocidl.h>
+#include <olectl.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace vx::test {
+
+// Items at indices base, base + 1, ...
+struct item_store {
+    LONG base = 1;
+    std::vector<int> values;
+
+    int& at(LONG index) {
+        const long long offset = static_cast<long long>(index) - base;
+        if (offset < 0 || offset >= static_cast<long long>(values.size())) {
+            ADD_FAILURE() << "an event named index " << index << ", outside the range";
+            static int nowhere;
+            return nowhere;
+        }
+        return values[static_cast<size_t>(offset)];
+    }
+};
+
+enum class answer_style {
+    three_way,       // -1, 0 or 1: the contract
+    less_or_zero,    // -1 when the first is smaller, else 0: a yes/no reading of the name
+    left_unset,      // never touches the answer
+};
+
+class recording_sink final : public IDispatch {
+public:
+    explicit recording_sink(item_store* store, answer_style style = answer_style::three_way)
+        : store_(store), style_(style) {}
+    recording_sink(const recording_sink&) = delete;
+    recording_sink& operator=(const recording_sink&) = delete;
+    ~recording_sink() { EXPECT_EQ(0, references_) << "the sorter kept a reference to a sink"; }
+
+    std::vector<std::string>* log = nullptr;  // where events are written, if anywhere
+    std::string name;                          // prefix for the log lines
+    // Runs before the sink's own handling; a failure is returned as is.
+    std::function<HRESULT(DISPID, LONG, LONG, SHORT*, EXCEPINFO*)> before;
+    bool answers_for_events_interface = true;
+    bool answers_for_dispatch = true;
+    long events = 0;
+
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
+        *object = nullptr;
+        if (IsEqualIID(iid, IID_IUnknown) || (answers_for_dispatch && IsEqualIID(iid, IID_IDispatch)) ||
+            (answers_for_events_interface && IsEqualIID(iid, DIID___clsQuickSort))) {
+            *object = static_cast<IDispatch*>(this);
+            AddRef();
+            return S_OK;
+        }
+        return E_NOINTERFACE;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return static_cast<ULONG>(++references_); }
+    ULONG STDMETHODCALLTYPE Release() override { return static_cast<ULONG>(--references_); }
+
+    HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT*) override { return unexpected("GetTypeInfoCount"); }
+    HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return unexpected("GetTypeInfo"); }
+    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override {
+        return unexpected("GetIDsOfNames");
+    }
+
+    HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID iid, LCID, WORD flags, DISPPARAMS* params, VARIANT*,
+                                     EXCEPINFO* exception, UINT*) override {
+        ++events;
+        EXPECT_TRUE(IsEqualIID(iid, IID_NULL));
+        EXPECT_EQ(DISPATCH_METHOD, flags);
+        EXPECT_EQ(0u, params->cNamedArgs);
+        const UINT expected_count = id == 1 ? 3 : 2;
+        if ((id != 1 && id != 2) || params->cArgs != expected_count) return unexpected("an event of that shape");
+        VARIANT* arguments = params->rgvarg;  // last to first
+        const VARIANT& first = arguments[expected_count - 1];
+        const VARIANT& second = arguments[expected_count - 2];
+        EXPECT_EQ(VT_I4, first.vt);
+        EXPECT_EQ(VT_I4, second.vt);
+        SHORT* answer = nullptr;
+        if (id == 1) {
+            EXPECT_EQ(VT_BYREF | VT_I2, arguments[0].vt);
+            answer = arguments[0].piVal;
+        }
+        if (log)
+            log->push_back(name + (id == 1 ? "isLess(" : "SwapItems(") + std::to_string(first.lVal) + "," +
+                           std::to_string(second.lVal) + ")");
+        if (before) {
+            const HRESULT hr = before(id, first.lVal, second.lVal, answer, exception);
+            if (hr != S_OK) return hr;
+        }
+        if (!store_) return S_OK;
+        if (id == 2) {
+            std::swap(store_->at(first.lVal), store_->at(second.lVal));
+            return S_OK;
+        }
+        const int a = store_->at(first.lVal), b = store_->at(second.lVal);
+        switch (style_) {
+        case answer_style::three_way: *answer = a < b ? -1 : a > b ? 1 : 0; break;
+        case answer_style::less_or_zero: *answer = a < b ? -1 : 0; break;
+        case answer_style::left_unset: break;
+        }
+        return S_OK;
+    }
+
+private:
+    HRESULT unexpected(const char* what) {
+        ADD_FAILURE() << "the sink was not expecting " << what;
+        return E_UNEXPECTED;
+    }
+
+    item_store* store_;
+    answer_style style_;
+    long references_ = 0;
+};
+
+// A sorter and its one connection point.
+struct connected_sorter {
+    com_ptr<_clsQuickSort> sorter;
+    com_ptr<IConnectionPoint> point;
+
+    explicit connected_sorter(com_ptr<_clsQuickSort> made) : sorter(std::move(made)) {
+        com_ptr<IConnectionPointContainer> container =
+            sorter.query<IConnectionPointContainer>(IID_IConnectionPointContainer);
+        EXPECT_TRUE(container) << "no IConnectionPointContainer";
+        if (container) {
+            EXPECT_EQ(S_OK, container->FindConnectionPoint(DIID___clsQuickSort, point.put()));
+        }
+    }
+
+    DWORD advise(IUnknown* sink) {
+        DWORD cookie = 0;
+        EXPECT_EQ(S_OK, point->Advise(sink, &cookie));
+        return cookie;
+    }
+};
+
+inline connected_sorter new_sorter() { return connected_sorter(create<_clsQuickSort>(CLSID_clsQuickSort, IID__clsQuickSort)); }
+
+constexpr HRESULT automation_error_number(long number) { return static_cast<HRESULT>(0x800A0000 + number); }
+
+}  // namespace vx::test

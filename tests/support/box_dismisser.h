@@ -1,0 +1,39 @@
+// Dismisses the message boxes that this process shows, from a thread of
+// its own, and keeps what they said: a test that makes a member show its
+// box is never left waiting for a user.
+#pragma once
+
+#include <windows.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace vx::test {
+
+class box_dismisser {
+public:
+    box_dismisser();
+    box_dismisser(const box_dismisser&) = delete;
+    box_dismisser& operator=(const box_dismisser&) = delete;
+    ~box_dismisser();
+
+    struct seen_box {
+        std::wstring caption;
+        std::wstring text;
+    };
+    // The boxes dismissed so far.
+    std::vector<seen_box> seen() const;
+
+private:
+    void watch();
+
+    std::atomic<bool> stop_{false};
+    mutable std::mutex mutex_;
+    std::vector<seen_box> seen_;
+    std::thread thread_;
+};
+
+}  // namespace vx::test
