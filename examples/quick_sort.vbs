@@ -1,5 +1,6 @@
-' clsQuickSort at work: this script keeps the list, the sorter asks it to
-' compare and swap through events. Run by the project's own script host.
+' clsQuickSort: this script keeps the list; the sorter asks it to compare
+' and swap through events. Windows' cscript sinks them with ConnectObject;
+' under Wine, whose script hosts cannot, the project's own host runs it.
 Option Explicit
 Dim names : names = Array("Tx_line", "zone", "datum", "reading", "facet", "survey", "anchor", "grid")
 Dim comparisons, swaps
@@ -21,7 +22,7 @@ End Function
 
 Dim sorter : Set sorter = CreateObject("vxTypes32.clsQuickSort")
 WScript.ConnectObject sorter, "sorter_"
-WScript.Echo "Before:  " & Listed()
+WScript.Echo "clsQuickSort    before " & Listed()
 sorter.Sort UBound(names), 0
-WScript.Echo "Sorted:  " & Listed()
-WScript.Echo "Events:  " & comparisons & " isLess, " & swaps & " SwapItems; runtime " & sorter.runtime & " s"
+WScript.Echo "                sorted " & Listed()
+WScript.Echo "                events " & comparisons & " isLess, " & swaps & " SwapItems; runtime " & sorter.runtime & " s"
