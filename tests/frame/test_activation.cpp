@@ -16,12 +16,19 @@ struct served_class {
     const char* name;
     const CLSID* clsid;
     std::vector<const IID*> interfaces;  // what an instance answers for
+    const IID* events;
 };
 
+// The seven classes and their identities, as published.
 const std::vector<served_class>& served_classes() {
     static const std::vector<served_class> classes = {
-        {"Class_vxTypes32", &CLSID_Class_vxTypes32, {&IID__Class_vxTypes32}},
-        {"UserInfo", &CLSID_UserInfo, {&IID__UserInfo, &IID_UserInfo___v0}},
+        {"Class_vxTypes32", &CLSID_Class_vxTypes32, {&IID__Class_vxTypes32}, nullptr},
+        {"CComplexNumber", &CLSID_CComplexNumber, {&IID__CComplexNumber}, nullptr},
+        {"cDIBSection", &CLSID_cDIBSection, {&IID__cDIBSection}, nullptr},
+        {"clsQuickSort", &CLSID_clsQuickSort, {&IID__clsQuickSort}, &DIID___clsQuickSort},
+        {"clsEasyRegistry", &CLSID_clsEasyRegistry, {&IID__clsEasyRegistry}, nullptr},
+        {"UserInfo", &CLSID_UserInfo, {&IID__UserInfo, &IID_UserInfo___v0}, nullptr},
+        {"clsBitmap", &CLSID_clsBitmap, {&IID__clsBitmap}, nullptr},
     };
     return classes;
 }
@@ -29,7 +36,10 @@ const std::vector<served_class>& served_classes() {
 // Every IID the library or the frame knows, so that each class can be
 // checked against the ones it must refuse.
 const std::vector<const IID*>& published_interfaces() {
-    static const std::vector<const IID*> iids = {&IID__Class_vxTypes32, &IID__UserInfo, &IID_UserInfo___v0};
+    static const std::vector<const IID*> iids = {
+        &IID__Class_vxTypes32, &IID__CComplexNumber, &IID__cDIBSection, &IID__clsQuickSort,
+        &IID__clsEasyRegistry, &IID__UserInfo,       &IID_UserInfo___v0, &IID__clsBitmap,
+        &DIID___clsQuickSort};
     return iids;
 }
 
@@ -137,9 +147,17 @@ TEST(Identity, ClassInfoAndErrorInfoSupport) {
         EXPECT_TRUE(IsEqualGUID(*c.clsid, attributes->guid)) << c.name;
         info->ReleaseTypeAttr(attributes);
 
-        // No events, so no default source to report.
-        EXPECT_FALSE(object.query<IProvideClassInfo2>(IID_IProvideClassInfo2)) << c.name;
-        EXPECT_FALSE(object.query<IConnectionPointContainer>(IID_IConnectionPointContainer)) << c.name;
+        // Only a class with events has a default source to report.
+        com_ptr<IProvideClassInfo2> second = object.query<IProvideClassInfo2>(IID_IProvideClassInfo2);
+        EXPECT_EQ(c.events != nullptr, static_cast<bool>(second)) << c.name;
+        EXPECT_EQ(c.events != nullptr,
+                  static_cast<bool>(object.query<IConnectionPointContainer>(IID_IConnectionPointContainer)))
+            << c.name;
+        if (second) {
+            GUID source{};
+            EXPECT_EQ(S_OK, second->GetGUID(GUIDKIND_DEFAULT_SOURCE_DISP_IID, &source));
+            EXPECT_TRUE(IsEqualGUID(*c.events, source)) << c.name;
+        }
 
         com_ptr<ISupportErrorInfo> support = object.query<ISupportErrorInfo>(IID_ISupportErrorInfo);
         ASSERT_TRUE(support) << c.name;

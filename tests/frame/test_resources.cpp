@@ -43,9 +43,15 @@ TEST(Resources, ClassInterfaceItemsAreExact) {
         const wchar_t* type;
         std::vector<BYTE> content;
     } items[] = {
+        {L"_IID_CCOMPLEXNUMBER", iid_item({"{3986CECB-15A2-4AEC-939B-6FA01FA5E59C}"})},
+        {L"_IID_CDIBSECTION", iid_item({"{BCFEA24D-F839-4CDF-86B8-FB46F906C28C}"})},
         {L"_IID_CLASS_VXTYPES32", iid_item({"{F8C1D47F-C472-42B4-98C3-797A00CC45FF}"})},
+        {L"_IID_CLSBITMAP", iid_item({"{ED5DAF74-73DE-4DA5-B0D3-CC8D70F6581B}"})},
+        {L"_IID_CLSEASYREGISTRY", iid_item({"{F4BBD37D-F4E6-41F9-B6BB-E27E25DACF7C}"})},
+        {L"_IID_CLSQUICKSORT", iid_item({"{E0592E2C-A229-43F7-A393-8956C50648B5}"})},
         {L"_IID_USERINFO",
          iid_item({"{46CA20A9-F4C9-459C-A3FB-19DFE14D73F8}", "{9245A22A-FEC2-4CA5-8D19-BC6484D89305}"})},
+        {L"_SRCIID_CLSQUICKSORT", iid_item({"{67D601DC-CB76-4D06-ADCC-D8F8780C249B}"})},
     };
     for (const auto& item : items) {
         const std::vector<BYTE> actual = resource_bytes(item.type, MAKELANGID(LANG_NEUTRAL, SUBLANG_NEUTRAL));
