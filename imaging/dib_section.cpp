@@ -300,8 +300,16 @@ HRESULT dib_section::CopyToClipboard(VARIANT_BOOL bAsDIB, VARIANT_BOOL* result) 
                 message_box(L"I don't know how to put a DIB on the clipboard! Copy as bitmap instead!!!");
                 return false;
             }
-            unique_hbitmap bitmap(
-                CreateCompatibleBitmap(screen.get(), header_.bmiHeader.biWidth, header_.bmiHeader.biHeight));
+            const LONG width = header_.bmiHeader.biWidth, height = header_.bmiHeader.biHeight;
+            // Windows makes no bitmap of a negative size; Wine makes one of
+            // the magnitude, and at the smallest Long one that crashes it.
+            if (width < 0 || height < 0) return false;
+            // A zero size gets the platform's shared stock 1 x 1 monochrome
+            // bitmap, which the clipboard would delete when next emptied (and
+            // Wine's new memory DCs with it): an equal bitmap of our own goes
+            // in its place.
+            unique_hbitmap bitmap(width == 0 || height == 0 ? CreateBitmap(1, 1, 1, 1, nullptr)
+                                                            : CreateCompatibleBitmap(screen.get(), width, height));
             if (!bitmap) return false;
             {
                 scoped_selection bitmap_selected(dc.get(), bitmap.get());

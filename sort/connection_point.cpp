@@ -153,6 +153,7 @@ HRESULT connection_point::Advise(IUnknown* sink, DWORD* cookie) {
     }
     dispatch.detach();
     *cookie = ++last_cookie_;
+    note_connections_changed();
     return S_OK;
 }
 
@@ -164,6 +165,7 @@ HRESULT connection_point::Unadvise(DWORD cookie) {
     if (deliveries_ == 0) {
         IDispatch* sink = found->sink;
         connections_.erase(found);
+        note_connections_changed();
         sink->Release();
         return S_OK;
     }
@@ -174,6 +176,7 @@ HRESULT connection_point::Unadvise(DWORD cookie) {
     }
     found->cookie = 0;
     found->sink = nullptr;
+    note_connections_changed();
     return S_OK;
 }
 
@@ -198,6 +201,30 @@ void connection_point::forget_retired() {
     std::vector<IDispatch*> released;
     released.swap(retired_);
     for (IDispatch* sink : released) sink->Release();
+}
+
+void connection_point::note_connections_changed() {
+    sole_sink_ = nullptr;
+    for (const connection& c : connections_) {
+        if (!c.sink) continue;
+        if (sole_sink_) {
+            sole_sink_ = nullptr;
+            return;
+        }
+        sole_sink_ = c.sink;
+    }
+}
+
+HRESULT connection_point::raise_on_each(DISPID id, DISPPARAMS& arguments, EXCEPINFO& exception) {
+    // A sink connected by a handler hears the events after this one.
+    const size_t count = connections_.size();
+    for (size_t i = 0; i < count; ++i) {
+        IDispatch* const sink = connections_[i].sink;  // read afresh: a handler may disconnect one
+        if (!sink) continue;
+        const HRESULT hr = outcome(deliver(sink, id, arguments, exception));
+        if (hr != S_OK) return hr;
+    }
+    return S_OK;
 }
 
 }  // namespace vx

@@ -52,24 +52,15 @@ public:
         connection_point& point_;
     };
 
-    // Raises one event on every sink connected when it starts, in the order
-    // they connected, all with the same arguments. Call only under a
-    // delivery. A sink that does not know the event is passed over; any
-    // other failure stops the event there and is returned, with the
-    // exception filled in for DISP_E_EXCEPTION.
+    // Raises one event on every connected sink in the order they connected,
+    // all with the same arguments. Call only under a delivery. A sink that
+    // does not know the event is passed over; any other failure stops the
+    // event there and is returned, with the exception filled in for
+    // DISP_E_EXCEPTION.
     HRESULT raise(DISPID id, DISPPARAMS& arguments, EXCEPINFO& exception) {
-        const size_t count = connections_.size();
-        if (count == 1) {  // the usual case, kept short: the sorter's loops are tight
-            IDispatch* const sink = connections_[0].sink;
-            return sink ? deliver(sink, id, arguments, exception) : S_OK;
-        }
-        for (size_t i = 0; i < count; ++i) {
-            IDispatch* const sink = connections_[i].sink;  // read afresh: a handler may connect another sink
-            if (!sink) continue;
-            const HRESULT hr = deliver(sink, id, arguments, exception);
-            if (hr != S_OK) return hr;
-        }
-        return S_OK;
+        // Read afresh for every event: a handler may connect or disconnect.
+        if (IDispatch* const sink = sole_sink_) return outcome(deliver(sink, id, arguments, exception));
+        return raise_on_each(id, arguments, exception);
     }
 
 private:
@@ -79,14 +70,18 @@ private:
     };
 
     void forget_retired();
+    void note_connections_changed();
+    HRESULT raise_on_each(DISPID id, DISPPARAMS& arguments, EXCEPINFO& exception);
 
     // Events return nothing, so no result is asked for.
     static HRESULT deliver(IDispatch* sink, DISPID id, DISPPARAMS& arguments, EXCEPINFO& exception) {
         UINT argument_error = 0;
-        const HRESULT hr =
-            sink->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD, &arguments, nullptr, &exception,
-                         &argument_error);
-        return SUCCEEDED(hr) || hr == DISP_E_MEMBERNOTFOUND || hr == DISP_E_UNKNOWNNAME ? S_OK : hr;
+        return sink->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD, &arguments, nullptr, &exception,
+                            &argument_error);
+    }
+    static HRESULT outcome(HRESULT hr) {
+        if (SUCCEEDED(hr)) return S_OK;
+        return hr == DISP_E_MEMBERNOTFOUND || hr == DISP_E_UNKNOWNNAME ? S_OK : hr;
     }
 
     IConnectionPointContainer& container_;
@@ -95,6 +90,9 @@ private:
     DWORD last_cookie_ = 0;
     unsigned deliveries_ = 0;
     std::vector<IDispatch*> retired_;  // disconnected during a delivery, not yet released
+    // The one connected sink when there is exactly one, else null: the
+    // usual case, which an event reaches with one load.
+    IDispatch* sole_sink_ = nullptr;
 };
 
 // An IEnumConnectionPoints over the given points, each held by one

@@ -1,7 +1,5 @@
 #include "imaging/imaging_support.h"
 
-#include <winternl.h>
-
 namespace vx::test {
 
 com_ptr<_cDIBSection> new_section() { return create<_cDIBSection>(CLSID_cDIBSection, IID__cDIBSection); }
@@ -46,38 +44,6 @@ void set_pixel(_cDIBSection* section, long x, long y, std::uint32_t rgb) {
     p[0] = rgb & 0xFF;
     p[1] = (rgb >> 8) & 0xFF;
     p[2] = (rgb >> 16) & 0xFF;
-}
-
-namespace {
-
-// One entry of the GDI handle table that the process environment block
-// points to (the layout Windows and Wine share); a live object has a type.
-#pragma pack(push, 4)
-struct gdi_handle_entry {
-    unsigned long long object;
-    unsigned long owner;
-    unsigned short unique;
-    unsigned char type;
-    unsigned char flags;
-    unsigned long long user_pointer;
-};
-#pragma pack(pop)
-static_assert(sizeof(gdi_handle_entry) == 24, "GDI handle table entry");
-constexpr unsigned gdi_handle_table_size = 0x10000;
-constexpr unsigned peb_gdi_handle_table_offset = 0x94;  // 32-bit PEB
-
-}  // namespace
-
-long gdi_object_count() {
-    const DWORD counted = GetGuiResources(GetCurrentProcess(), GR_GDIOBJECTS);
-    if (counted != 0) return static_cast<long>(counted);
-    const char* peb = reinterpret_cast<const char*>(NtCurrentTeb()->ProcessEnvironmentBlock);
-    const auto* table = *reinterpret_cast<const gdi_handle_entry* const*>(peb + peb_gdi_handle_table_offset);
-    if (!table) return -1;
-    long live = 0;
-    for (unsigned i = 0; i < gdi_handle_table_size; ++i)
-        if (table[i].type) ++live;
-    return live;
 }
 
 std::string narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }

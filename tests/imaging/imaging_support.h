@@ -1,8 +1,9 @@
-// What the imaging tests share: sections made through the DLL, their pixel
-// memory, and a count of the process's GDI objects.
+// What the imaging tests share: sections made through the DLL and their pixel
+// memory; the count of the process's GDI objects comes from resource_counts.
 #pragma once
 
 #include "support/component.h"
+#include "support/resource_counts.h"
 #include "vxTypes32_types.h"
 
 #include <cstdint>
@@ -28,10 +29,6 @@ unsigned char* bits_of(_cDIBSection* section);
 // top: in a bottom-up section that is scan line height - 1 - y.
 std::uint32_t pixel_at(_cDIBSection* section, long x, long y);
 void set_pixel(_cDIBSection* section, long x, long y, std::uint32_t rgb);
-
-// GDI objects of this process: GetGuiResources where the platform counts
-// them, otherwise the live entries of the process's GDI handle table.
-long gdi_object_count();
 
 std::string narrow(const std::wstring& text);
 

@@ -6,6 +6,7 @@
 #include <olectl.h>
 
 #include <cstring>
+#include <limits>
 #include <vector>
 
 namespace vx::test {
@@ -173,6 +174,61 @@ TEST(CopyToClipboard, AsBitmapLeavesOneOfTheSectionsSize) {
     for (long y : {0L, 10L, 20L})
         for (long x : {0L, 17L, 36L})
             EXPECT_EQ(picture_colour(x, y), pixels[y * 37 + x] & 0xFFFFFF) << "pixel (" << x << ", " << y << ")";
+}
+
+// A section without pixels (new, or released) asks the platform for a 0 x 0
+// bitmap and gets its shared stock 1 x 1 monochrome bitmap. That is nobody's
+// to give away: the clipboard deletes what it holds when it is next emptied,
+// and Wine then has no initial bitmap for a new memory DC (every later
+// CreateCompatibleDC crashed). The clipboard gets a 1 x 1 monochrome bitmap
+// of its own instead.
+TEST(CopyToClipboard, ASectionWithoutPixelsGivesNoStockObjectAway) {
+    const HBITMAP stock = CreateCompatibleBitmap(nullptr, 0, 0);  // the shared one; not to be deleted
+    com_ptr<_cDIBSection> empty = new_section();
+    VARIANT_BOOL copied = VARIANT_FALSE;
+    ASSERT_EQ(S_OK, empty->CopyToClipboard(VARIANT_FALSE, &copied));
+    EXPECT_EQ(VARIANT_TRUE, copied);
+    ASSERT_TRUE(OpenClipboard(nullptr));
+    const HBITMAP held = static_cast<HBITMAP>(GetClipboardData(CF_BITMAP));
+    BITMAP record = {};
+    const bool readable = held && GetObjectW(held, sizeof record, &record) != 0;
+    CloseClipboard();
+    EXPECT_NE(stock, held) << "the stock bitmap went to the clipboard";
+    EXPECT_TRUE(readable);
+    EXPECT_EQ(1, record.bmWidth);
+    EXPECT_EQ(1, record.bmHeight);
+    EXPECT_EQ(1, record.bmBitsPixel);
+    // A live section's copy empties the clipboard, which deletes what it held.
+    com_ptr<_cDIBSection> live = new_section(4, 4);
+    ASSERT_EQ(S_OK, live->CopyToClipboard(VARIANT_FALSE, &copied));
+    EXPECT_EQ(OBJ_BITMAP, GetObjectType(stock)) << "the stock bitmap survives";
+    com_ptr<_cDIBSection> after = new_section(8, 8);  // a memory DC can still be made
+    EXPECT_NE(0, facts_of(after.get()).hdc);
+}
+
+// Windows makes no bitmap of a negative size, so a section whose Create was
+// refused for one (or raised the overflow error for one) copies nothing.
+// Wine's CreateCompatibleBitmap takes the magnitude instead and, for the
+// smallest Long, made a bitmap that crashed the copy.
+TEST(CopyToClipboard, ANegativeSizeCopiesNothing) {
+    struct size_case {
+        LONG width, height;
+        HRESULT create;
+    };
+    const size_case cases[] = {
+        {-5, 10, S_OK},
+        {10, -5, S_OK},
+        {std::numeric_limits<LONG>::min(), -1, automation_error_number(6)},
+        {-715827883, 2, automation_error_number(6)},
+    };
+    for (const size_case& c : cases) {
+        com_ptr<_cDIBSection> section = new_section();
+        VARIANT_BOOL made = VARIANT_TRUE;
+        EXPECT_EQ(c.create, section->Create(c.width, c.height, &made)) << c.width << " x " << c.height;
+        VARIANT_BOOL copied = VARIANT_TRUE;
+        EXPECT_EQ(S_OK, section->CopyToClipboard(VARIANT_FALSE, &copied)) << c.width << " x " << c.height;
+        EXPECT_EQ(VARIANT_FALSE, copied) << c.width << " x " << c.height;
+    }
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 // may no longer touch. Each test works in a scratch key of its own under
 // HKEY_CURRENT_USER, reset at the start and removed at the end.
 #include "support/component.h"
+#include "support/resource_counts.h"
 #include "vxTypes32_types.h"
 
 #include <algorithm>
@@ -15,8 +16,6 @@
 #include <optional>
 #include <string>
 #include <vector>
-
-#include <winternl.h>
 
 namespace vx::test {
 namespace {
@@ -642,27 +641,6 @@ TEST(EasyRegistryValues, ListingFailsForDataOrNamesOverTheBuffers) {
 
 // ---- Lifetime ------------------------------------------------------------------------------
 
-// The registry keys this process holds open: every handle whose object is
-// of type "Key". (Wine's GetProcessHandleCount always answers 0.)
-DWORD open_keys() {
-    using query_object = NTSTATUS(NTAPI*)(HANDLE, OBJECT_INFORMATION_CLASS, void*, ULONG, ULONG*);
-    static const auto query =
-        reinterpret_cast<query_object>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQueryObject")));
-    DWORD count = 0;
-    union {
-        PUBLIC_OBJECT_TYPE_INFORMATION info;
-        unsigned char space[1024];
-    } type;
-    for (ULONG_PTR handle = 4; handle < 0x10000; handle += 4) {
-        ULONG length = 0;
-        if (query(reinterpret_cast<HANDLE>(handle), ObjectTypeInformation, &type, sizeof type, &length) != 0)
-            continue;
-        if (std::wstring(type.info.TypeName.Buffer, type.info.TypeName.Length / sizeof(wchar_t)) == L"Key") ++count;
-    }
-    return count;
-}
-
 TEST(EasyRegistryLifetime, NothingStaysOpenAfterManyCallsAndReleases) {
     scratch_key scratch;
     scratch.add_key(L"sub");
@@ -693,15 +671,15 @@ TEST(EasyRegistryLifetime, NothingStaysOpenAfterManyCallsAndReleases) {
         reg.cd(scratch.path(L"sub"));  // left open for the termination step
     };
     round();  // the platform keeps its predefined keys open once used
-    const DWORD before = open_keys();
+    const DWORD before = open_registry_keys();
     for (int i = 0; i < 200; ++i) round();
-    EXPECT_EQ(before, open_keys());
+    EXPECT_EQ(before, open_registry_keys());
     {
         registry reg;
         reg.cd(scratch.path());
-        EXPECT_EQ(before + 1, open_keys()) << "the current key is one open handle";
+        EXPECT_EQ(before + 1, open_registry_keys()) << "the current key is one open handle";
     }
-    EXPECT_EQ(before, open_keys()) << "the termination step closed it";
+    EXPECT_EQ(before, open_registry_keys()) << "the termination step closed it";
 }
 
 }  // namespace

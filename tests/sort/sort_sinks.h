@@ -16,6 +16,9 @@
 
 namespace vx::test {
 
+// Events as the sinks write them down: "isLess(1,3)", "SwapItems(1,3)".
+using event_list = std::vector<std::string>;
+
 // Items at indices base, base + 1, ...
 struct item_store {
     LONG base = 1;

@@ -1,8 +1,10 @@
-// How clients find and connect to clsQuickSort's events: the container,
-// the connection point, cookies, enumerators, class info, and sinks that
-// disconnect while a sort is running.
+// How clsQuickSort's events reach their sinks: the container, the
+// connection point, cookies, enumerators and class info; every sink in
+// turn, sharing one answer; sinks that do not know an event; and sinks that
+// connect, disconnect or release the sorter while a sort is running.
 #include "sort/sort_sinks.h"
 
+#include <memory>
 #include <utility>
 
 namespace vx::test {
@@ -115,62 +117,115 @@ TEST(QuickSortConnections, CookiesNameConnectionsUntilTheyAreUnadvised) {
     EXPECT_EQ(S_OK, s.point->Unadvise(third));
 }
 
-TEST(QuickSortConnections, SinksMayDisconnectFromInsideAnEvent) {
-    struct case_ {
-        const char* name;
-        int victim;        // which connection the first sink removes at the first event
-        long first_events, second_events, third_events;
+TEST(QuickSortConnections, EveryConnectedSinkGetsEveryEventAndTheLastAnswerCounts) {
+    connected_sorter s = new_sorter();
+    event_list log;
+    recording_sink first(nullptr), second(nullptr);
+    first.log = second.log = &log;
+    first.name = "A:";
+    second.name = "B:";
+    SHORT* handed_to_first = nullptr;
+    // The first sink says "after"; the second sees that, unchanged, through
+    // the same variable and overrules it with "before".
+    first.before = [&](DISPID id, LONG, LONG, SHORT* answer, EXCEPINFO*) {
+        if (id == 1) {
+            EXPECT_EQ(0, *answer) << "the answer is reset before each event";
+            handed_to_first = answer;
+            *answer = 1;
+        }
+        return S_OK;
     };
-    // Three items in order: five comparisons.
-    const case_ cases[] = {
-        {"itself", 0, 1, 5, 5},
-        {"the sink after it", 1, 5, 0, 5},
-        {"the last sink", 2, 5, 5, 0},
+    second.before = [&](DISPID id, LONG, LONG, SHORT* answer, EXCEPINFO*) {
+        if (id == 1) {
+            EXPECT_EQ(handed_to_first, answer) << "both sinks get the sorter's one variable";
+            EXPECT_EQ(1, *answer) << "nothing resets the answer between sinks";
+            *answer = -1;
+        }
+        return S_OK;
     };
-    for (const case_& c : cases) {
-        item_store store{1, {1, 2, 3}};
-        connected_sorter s = new_sorter();
-        recording_sink first(&store), second(nullptr), third(nullptr);
-        DWORD cookies[3] = {};
-        bool done = false;
-        first.before = [&](DISPID, LONG, LONG, SHORT*, EXCEPINFO*) {
-            if (!done) {
-                done = true;
-                EXPECT_EQ(S_OK, s.point->Unadvise(cookies[c.victim])) << c.name;
-                EXPECT_EQ(hex(CONNECT_E_NOCONNECTION), hex(s.point->Unadvise(cookies[c.victim]))) << c.name;
-            }
-            return S_OK;
-        };
-        cookies[0] = s.advise(&first);
-        cookies[1] = s.advise(&second);
-        cookies[2] = s.advise(&third);
-        EXPECT_EQ(S_OK, s.sorter->Sort(3, 1)) << c.name;
-        EXPECT_EQ(c.first_events, first.events) << c.name;
-        EXPECT_EQ(c.second_events, second.events) << c.name;
-        EXPECT_EQ(c.third_events, third.events) << c.name;
-        for (int i = 0; i < 3; ++i) {
-            if (i != c.victim) {
-                EXPECT_EQ(S_OK, s.point->Unadvise(cookies[i])) << c.name << " connection " << i;
-            }
+    const DWORD a = s.advise(&first), b = s.advise(&second);
+    EXPECT_EQ(S_OK, s.sorter->Sort(4, 1));
+    ASSERT_FALSE(log.empty());
+    ASSERT_EQ(0u, log.size() % 2);
+    for (size_t i = 0; i < log.size(); i += 2) {
+        EXPECT_EQ("A:", log[i].substr(0, 2)) << "event " << i / 2;
+        EXPECT_EQ("B:" + log[i].substr(2), log[i + 1]) << "event " << i / 2;
+        EXPECT_EQ(std::string::npos, log[i].find("SwapItems")) << "the last sink's answer decides";
+    }
+    s.point->Unadvise(a);
+    s.point->Unadvise(b);
+}
+
+TEST(QuickSortConnections, ASinkThatDoesNotKnowAnEventIsPassedOver) {
+    for (HRESULT unknown : {DISP_E_MEMBERNOTFOUND, DISP_E_UNKNOWNNAME}) {
+        for (bool alone : {true, false}) {
+            const std::string name = hex(unknown) + (alone ? ", alone" : ", before a sink that sorts");
+            item_store store{1, {3, 1, 2}};
+            connected_sorter s = new_sorter();
+            recording_sink ignorant(nullptr), worker(&store);
+            ignorant.before = [&](DISPID, LONG, LONG, SHORT*, EXCEPINFO*) { return unknown; };
+            const DWORD first = s.advise(&ignorant), second = alone ? 0 : s.advise(&worker);
+            EXPECT_EQ(S_OK, s.sorter->Sort(3, 1)) << name;
+            // Unanswered, every comparison says "equal": one pass, no swaps.
+            EXPECT_EQ(alone ? 5 : 7, ignorant.events) << name;
+            EXPECT_EQ(alone ? 0 : 7, worker.events) << name << ": the next sink still gets each event";
+            EXPECT_EQ((std::vector<int>{alone ? 3 : 1, alone ? 1 : 2, alone ? 2 : 3}), store.values) << name;
+            s.point->Unadvise(first);
+            if (!alone) s.point->Unadvise(second);
         }
     }
 }
 
-TEST(QuickSortConnections, ASinkConnectedDuringAnEventHearsTheEventsAfterIt) {
-    item_store store{1, {1, 2, 3}};
-    connected_sorter s = new_sorter();
-    recording_sink first(&store), late(nullptr);
-    DWORD late_cookie = 0;
-    first.before = [&](DISPID, LONG, LONG, SHORT*, EXCEPINFO*) {
-        if (!late_cookie) late_cookie = s.advise(&late);
-        return S_OK;
+TEST(QuickSortConnections, SinksConnectedOrDisconnectedInsideAnEventTakeEffectFromTheNextSink) {
+    struct case_ {
+        const char* name;
+        int sinks;                  // connected before the sort; the first one sorts
+        int victim;                 // which one the first sink disconnects at the first event; -1: none
+        bool connects_another;      // the first sink connects one more at the first event
+        std::vector<long> events;   // heard by each sink, the late one last
     };
-    const DWORD cookie = s.advise(&first);
-    EXPECT_EQ(S_OK, s.sorter->Sort(3, 1));
-    EXPECT_EQ(5, first.events);
-    EXPECT_EQ(4, late.events);
-    s.point->Unadvise(cookie);
-    s.point->Unadvise(late_cookie);
+    // Three items in order: five comparisons; then Sort(2) asks once more.
+    const case_ cases[] = {
+        {"alone, disconnects itself", 1, 0, false, {1}},
+        {"of two, disconnects itself", 2, 0, false, {1, 6}},
+        {"of two, disconnects the other", 2, 1, false, {6, 0}},
+        {"of three, disconnects the middle one", 3, 1, false, {6, 0, 6}},
+        {"alone, connects another", 1, -1, true, {6, 5}},
+        {"of two, swaps the other for a new one", 2, 1, true, {6, 0, 5}},
+    };
+    for (const case_& c : cases) {
+        item_store store{1, {1, 2, 3}};
+        connected_sorter s = new_sorter();
+        std::vector<std::unique_ptr<recording_sink>> sinks;
+        for (int i = 0; i <= c.sinks; ++i) sinks.push_back(std::make_unique<recording_sink>(i == 0 ? &store : nullptr));
+        std::vector<DWORD> cookies(c.sinks + 1);
+        bool done = false;
+        sinks[0]->before = [&](DISPID, LONG, LONG, SHORT*, EXCEPINFO*) {
+            if (done) return S_OK;
+            done = true;
+            if (c.victim >= 0) {
+                EXPECT_EQ(S_OK, s.point->Unadvise(cookies[c.victim])) << c.name;
+                EXPECT_EQ(hex(CONNECT_E_NOCONNECTION), hex(s.point->Unadvise(cookies[c.victim]))) << c.name;
+                cookies[c.victim] = 0;
+            }
+            if (c.connects_another) cookies[c.sinks] = s.advise(sinks[c.sinks].get());
+            return S_OK;
+        };
+        for (int i = 0; i < c.sinks; ++i) cookies[i] = s.advise(sinks[i].get());
+        EXPECT_EQ(S_OK, s.sorter->Sort(3, 1)) << c.name;
+        // After the sort the disconnected are gone for good and the rest
+        // still hear everything.
+        EXPECT_EQ(S_OK, s.sorter->Sort(2, 1)) << c.name;
+        for (size_t i = 0; i < c.events.size(); ++i) {
+            const size_t which = i < static_cast<size_t>(c.sinks) ? i : c.sinks;
+            EXPECT_EQ(c.events[i], sinks[which]->events) << c.name << ", sink " << which;
+        }
+        for (DWORD cookie : cookies) {
+            if (cookie) {
+                EXPECT_EQ(S_OK, s.point->Unadvise(cookie)) << c.name;
+            }
+        }
+    }
 }
 
 TEST(QuickSortConnections, AHandlerMayReleaseTheLastReferenceToTheSorter) {

@@ -1,17 +1,17 @@
-// clsQuickSort: the exact events of a sort, the order it leaves, the
-// overflow of its index arithmetic, runtime, and what the sinks see.
+// clsQuickSort: the exact events of a sort, the order it leaves, how deep
+// it may nest, the overflow of its index arithmetic, failing handlers and
+// runtime.
 #include "frame/runtime.h"
 #include "sort/sort_sinks.h"
 
 #include <algorithm>
 #include <climits>
+#include <functional>
 #include <optional>
 #include <random>
 
 namespace vx::test {
 namespace {
-
-using event_list = std::vector<std::string>;
 
 // The scheme as the contract states it, with plain recursion: the oracle
 // for the event sequence of larger ranges.
@@ -72,16 +72,24 @@ struct sort_outcome {
     HRESULT hr;
     event_list events;
     std::vector<int> order;
+    error_info error;
+    LONG runtime;  // 77 before the sort
 };
 
-// Sorts through the vtable, or through IDispatch without firstNdx.
-sort_outcome run_sort(item_store store, LONG last, std::optional<LONG> first,
-                      answer_style style = answer_style::three_way) {
+using event_hook = std::function<HRESULT(DISPID, LONG, LONG, SHORT*, EXCEPINFO*)>;
+
+// Sorts through the vtable, or through IDispatch without firstNdx, with one
+// sink that keeps the store.
+sort_outcome run_sort(const item_store& items, LONG last, std::optional<LONG> first,
+                      answer_style style = answer_style::three_way, event_hook before = nullptr) {
+    item_store store = items;
     connected_sorter s = new_sorter();
     sort_outcome outcome{};
     recording_sink sink(&store, style);
     sink.log = &outcome.events;
+    sink.before = std::move(before);
     const DWORD cookie = s.advise(&sink);
+    s.sorter->put_runtime(77);
     if (first) {
         outcome.hr = s.sorter->Sort(last, *first);
     } else {
@@ -91,6 +99,8 @@ sort_outcome run_sort(item_store store, LONG last, std::optional<LONG> first,
         DISPPARAMS params = {&argument, nullptr, 1, 0};
         outcome.hr = s.sorter->Invoke(0x60030002, IID_NULL, 0, DISPATCH_METHOD, &params, nullptr, nullptr, nullptr);
     }
+    if (FAILED(outcome.hr)) outcome.error = take_error_info();
+    s.sorter->get_runtime(&outcome.runtime);
     s.point->Unadvise(cookie);
     outcome.order = store.values;
     return outcome;
@@ -185,29 +195,56 @@ TEST(QuickSortEvents, LargerRangesFollowTheRecursiveSchemeAndEndSorted) {
 // k + 1 times and leaves the pivot first; the last two items ask once.
 long long presorted_comparisons(long long n) { return n * (n + 1) / 2 + n - 4; }
 
-TEST(QuickSortEvents, PresortedAndEqualRangesCostTheQuadraticCountWithoutSwaps) {
+struct counted_sort {
+    int n;
+    bool all_equal;
+    HRESULT hr = E_UNEXPECTED;
+    long long comparisons = 0, swaps = 0;
+};
+
+// On a 64 KiB stack a sort that nests as deep as its range would overflow.
+DWORD WINAPI sort_on_small_stack(void* parameter) {
+    auto* run = static_cast<counted_sort*>(parameter);
+    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    {
+        item_store store{1, std::vector<int>(run->n)};
+        for (int i = 0; i < run->n; ++i) store.values[i] = run->all_equal ? 7 : i;
+        recording_sink sink(&store);
+        sink.before = [&](DISPID id, LONG, LONG, SHORT*, EXCEPINFO*) {
+            ++(id == 1 ? run->comparisons : run->swaps);
+            return S_OK;
+        };
+        connected_sorter s = new_sorter();
+        const DWORD cookie = s.advise(&sink);
+        run->hr = s.sorter->Sort(run->n, 1);
+        s.point->Unadvise(cookie);
+    }
+    CoUninitialize();
+    return 0;
+}
+
+TEST(QuickSortEvents, PresortedAndEqualRangesCostTheQuadraticCountWithoutSwapsAndNestDeep) {
     struct case_ {
         const char* name;
         int n;
         bool all_equal;
     };
-    const case_ cases[] = {{"3 presorted", 3, false}, {"10 presorted", 10, false}, {"1000 presorted", 1000, false},
-                           {"3 equal", 3, true},      {"500 equal", 500, true}};
+    const case_ cases[] = {{"3 presorted", 3, false},      {"10 presorted", 10, false}, {"3 equal", 3, true},
+                           {"500 equal", 500, true},       {"4000 presorted", 4000, false}};
+    dll();  // loaded here, not on the small stack
     for (const case_& c : cases) {
-        item_store store{1, std::vector<int>(c.n)};
-        for (int i = 0; i < c.n; ++i) store.values[i] = c.all_equal ? 7 : i;
-        long comparisons = 0, swaps = 0;
-        recording_sink sink(&store);
-        sink.before = [&](DISPID id, LONG, LONG, SHORT*, EXCEPINFO*) {
-            ++(id == 1 ? comparisons : swaps);
-            return S_OK;
-        };
-        connected_sorter s = new_sorter();
-        const DWORD cookie = s.advise(&sink);
-        EXPECT_EQ(S_OK, s.sorter->Sort(c.n, 1)) << c.name;
-        s.point->Unadvise(cookie);
-        EXPECT_EQ(presorted_comparisons(c.n), comparisons) << c.name;
-        EXPECT_EQ(0, swaps) << c.name;
+        counted_sort run{c.n, c.all_equal};
+        const HANDLE thread =
+            CreateThread(nullptr, 64 * 1024, sort_on_small_stack, &run, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
+        ASSERT_NE(nullptr, thread) << c.name;
+        WaitForSingleObject(thread, INFINITE);
+        DWORD code = 1;
+        GetExitCodeThread(thread, &code);
+        CloseHandle(thread);
+        EXPECT_EQ(0u, code) << c.name << ": the thread did not end normally";
+        EXPECT_EQ(S_OK, run.hr) << c.name;
+        EXPECT_EQ(presorted_comparisons(c.n), run.comparisons) << c.name;
+        EXPECT_EQ(0, run.swaps) << c.name;
     }
 }
 
@@ -222,45 +259,6 @@ TEST(QuickSortEvents, AnswersThatNeverSayAfterLeaveTheStoreAsItWas) {
                                    [](const std::string& e) { return e.rfind("SwapItems", 0) == 0; }))
             << name;
     }
-}
-
-TEST(QuickSortEvents, EveryConnectedSinkGetsEveryEventAndTheLastAnswerCounts) {
-    connected_sorter s = new_sorter();
-    event_list log;
-    recording_sink first(nullptr), second(nullptr);
-    first.log = second.log = &log;
-    first.name = "A:";
-    second.name = "B:";
-    SHORT* handed_to_first = nullptr;
-    // The first sink says "after"; the second sees that, unchanged, through
-    // the same variable and overrules it with "before".
-    first.before = [&](DISPID id, LONG, LONG, SHORT* answer, EXCEPINFO*) {
-        if (id == 1) {
-            EXPECT_EQ(0, *answer) << "the answer is reset before each event";
-            handed_to_first = answer;
-            *answer = 1;
-        }
-        return S_OK;
-    };
-    second.before = [&](DISPID id, LONG, LONG, SHORT* answer, EXCEPINFO*) {
-        if (id == 1) {
-            EXPECT_EQ(handed_to_first, answer) << "both sinks get the sorter's one variable";
-            EXPECT_EQ(1, *answer) << "nothing resets the answer between sinks";
-            *answer = -1;
-        }
-        return S_OK;
-    };
-    const DWORD a = s.advise(&first), b = s.advise(&second);
-    EXPECT_EQ(S_OK, s.sorter->Sort(4, 1));
-    ASSERT_FALSE(log.empty());
-    ASSERT_EQ(0u, log.size() % 2);
-    for (size_t i = 0; i < log.size(); i += 2) {
-        EXPECT_EQ("A:", log[i].substr(0, 2)) << "event " << i / 2;
-        EXPECT_EQ("B:" + log[i].substr(2), log[i + 1]) << "event " << i / 2;
-        EXPECT_EQ(std::string::npos, log[i].find("SwapItems")) << "the last sink's answer decides";
-    }
-    s.point->Unadvise(a);
-    s.point->Unadvise(b);
 }
 
 TEST(QuickSortEvents, WithNoSinkTheSortEndsNormally) {
@@ -279,7 +277,7 @@ TEST(QuickSortErrors, IndexArithmeticOverflowsWithError6) {
         item_store store;
         event_list events;  // raised before the error
     };
-    const case_ cases[] = {
+    static const case_ cases[] = {
         {"full Long range", LONG_MAX, LONG_MIN, {1, {}}, {}},
         {"width one past the largest Long", LONG_MAX - 1, -2, {1, {}}, {}},
         {"width one past, from 0", LONG_MAX, -1, {1, {}}, {}},
@@ -292,22 +290,12 @@ TEST(QuickSortErrors, IndexArithmeticOverflowsWithError6) {
           "SwapItems(2147483645,2147483646)"}},
     };
     for (const case_& c : cases) {
-        item_store store = c.store;
-        connected_sorter s = new_sorter();
-        event_list log;
-        recording_sink sink(&store);
-        sink.log = &log;
-        const DWORD cookie = s.advise(&sink);
-        s.sorter->put_runtime(77);
-        EXPECT_EQ(automation_error_number(6), s.sorter->Sort(c.last, c.first)) << c.name;
-        const error_info error = take_error_info();
-        EXPECT_EQ(L"clsQuickSort.Sort", error.source) << c.name;
-        EXPECT_EQ(L"Overflow", error.description) << c.name;
-        EXPECT_EQ(c.events, log) << c.name;
-        LONG runtime = 0;
-        s.sorter->get_runtime(&runtime);
-        EXPECT_EQ(77, runtime) << c.name << ": a failed sort keeps the old runtime";
-        s.point->Unadvise(cookie);
+        const sort_outcome got = run_sort(c.store, c.last, c.first);
+        EXPECT_EQ(automation_error_number(6), got.hr) << c.name;
+        EXPECT_EQ(L"clsQuickSort.Sort", got.error.source) << c.name;
+        EXPECT_EQ(L"Overflow", got.error.description) << c.name;
+        EXPECT_EQ(c.events, got.events) << c.name;
+        EXPECT_EQ(77, got.runtime) << c.name << ": a failed sort keeps the old runtime";
     }
 }
 
@@ -331,13 +319,8 @@ TEST(QuickSortErrors, AFailingHandlerEndsTheSortWithItsError) {
         {"plain failure", E_FAIL, 0, 0, nullptr, nullptr, E_FAIL, L"clsQuickSort.Sort", L"Automation error"},
     };
     for (const case_& c : cases) {
-        item_store store{1, {3, 1, 2}};
-        connected_sorter s = new_sorter();
-        event_list log;
-        recording_sink sink(&store);
-        sink.log = &log;
-        sink.before = [&](DISPID id, LONG, LONG, SHORT*, EXCEPINFO* exception) -> HRESULT {
-            if (id != 2) return S_OK;  // the first swap fails
+        auto fail_first_swap = [&](DISPID id, LONG, LONG, SHORT*, EXCEPINFO* exception) -> HRESULT {
+            if (id != 2) return S_OK;
             if (c.returned == DISP_E_EXCEPTION) {
                 exception->wCode = c.code;
                 exception->scode = c.scode;
@@ -346,33 +329,12 @@ TEST(QuickSortErrors, AFailingHandlerEndsTheSortWithItsError) {
             }
             return c.returned;
         };
-        const DWORD cookie = s.advise(&sink);
-        s.sorter->put_runtime(77);
-        EXPECT_EQ(hex(c.expected), hex(s.sorter->Sort(3, 1))) << c.name;
-        const error_info error = take_error_info();
-        EXPECT_EQ(c.expected_source, error.source) << c.name;
-        EXPECT_EQ(c.expected_description, error.description) << c.name;
-        EXPECT_EQ((event_list{"isLess(1,3)", "SwapItems(1,3)"}), log) << c.name << ": nothing after the failure";
-        LONG runtime = 0;
-        s.sorter->get_runtime(&runtime);
-        EXPECT_EQ(77, runtime) << c.name;
-        s.point->Unadvise(cookie);
-    }
-}
-
-TEST(QuickSortErrors, ASinkThatDoesNotKnowAnEventIsPassedOver) {
-    for (HRESULT unknown : {DISP_E_MEMBERNOTFOUND, DISP_E_UNKNOWNNAME}) {
-        item_store store{1, {3, 1, 2}};
-        connected_sorter s = new_sorter();
-        recording_sink ignorant(nullptr), worker(&store);
-        ignorant.before = [&](DISPID, LONG, LONG, SHORT*, EXCEPINFO*) { return unknown; };
-        const DWORD first = s.advise(&ignorant), second = s.advise(&worker);
-        EXPECT_EQ(S_OK, s.sorter->Sort(3, 1)) << hex(unknown);
-        EXPECT_EQ((std::vector<int>{1, 2, 3}), store.values) << hex(unknown);
-        EXPECT_EQ(7, ignorant.events) << hex(unknown) << ": the events of the worked example";
-        EXPECT_EQ(7, worker.events) << hex(unknown) << ": the next sink still gets each event";
-        s.point->Unadvise(first);
-        s.point->Unadvise(second);
+        const sort_outcome got = run_sort({1, {3, 1, 2}}, 3, 1, answer_style::three_way, fail_first_swap);
+        EXPECT_EQ(hex(c.expected), hex(got.hr)) << c.name;
+        EXPECT_EQ(c.expected_source, got.error.source) << c.name;
+        EXPECT_EQ(c.expected_description, got.error.description) << c.name;
+        EXPECT_EQ((event_list{"isLess(1,3)", "SwapItems(1,3)"}), got.events) << c.name << ": nothing after the failure";
+        EXPECT_EQ(77, got.runtime) << c.name;
     }
 }
 
@@ -410,86 +372,6 @@ TEST(QuickSortRuntime, WholeSecondStartHalvesToEvenAndTheMidnightWrap) {
         sorter->get_runtime(&runtime);
         EXPECT_EQ(c.runtime, runtime) << c.name;
     }
-}
-
-// A sink that only sorts: for the deep run, where the recording sink would
-// be slow.
-class counting_sink final : public IDispatch {
-public:
-    explicit counting_sink(const std::vector<int>& items) : items_(items) {}
-    long long comparisons = 0, swaps = 0;
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
-        *object = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch) ? this : nullptr;
-        return *object ? S_OK : E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
-    ULONG STDMETHODCALLTYPE Release() override { return 1; }
-    HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* p, VARIANT*, EXCEPINFO*,
-                                     UINT*) override {
-        if (id == 1) {
-            ++comparisons;
-            const int a = items_[p->rgvarg[2].lVal - 1], b = items_[p->rgvarg[1].lVal - 1];
-            *p->rgvarg[0].piVal = a < b ? -1 : a > b ? 1 : 0;
-        } else {
-            ++swaps;
-            std::swap(items_[p->rgvarg[1].lVal - 1], items_[p->rgvarg[0].lVal - 1]);
-        }
-        return S_OK;
-    }
-
-private:
-    std::vector<int> items_;
-};
-
-struct deep_run {
-    int n;
-    HRESULT hr = E_UNEXPECTED;
-    long long comparisons = 0, swaps = 0;
-};
-
-DWORD WINAPI sort_on_small_stack(void* parameter) {
-    auto* run = static_cast<deep_run*>(parameter);
-    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-    {
-        std::vector<int> items(run->n);
-        for (int i = 0; i < run->n; ++i) items[i] = i;
-        counting_sink sink(items);
-        com_ptr<IClassFactory> factory;
-        dll().get_class_object(CLSID_clsQuickSort, IID_IClassFactory, factory.put_void());
-        com_ptr<_clsQuickSort> sorter;
-        factory->CreateInstance(nullptr, IID__clsQuickSort, sorter.put_void());
-        com_ptr<IConnectionPointContainer> container =
-            sorter.query<IConnectionPointContainer>(IID_IConnectionPointContainer);
-        com_ptr<IConnectionPoint> point;
-        container->FindConnectionPoint(DIID___clsQuickSort, point.put());
-        DWORD cookie = 0;
-        point->Advise(&sink, &cookie);
-        run->hr = sorter->Sort(run->n, 1);
-        point->Unadvise(cookie);
-        run->comparisons = sink.comparisons;
-        run->swaps = sink.swaps;
-    }
-    CoUninitialize();
-    return 0;
-}
-
-TEST(QuickSortDepth, APresortedRangeOf20000SortsOnA64KiBStack) {
-    dll();  // loaded here, not on the small stack
-    deep_run run{20000};
-    const HANDLE thread =
-        CreateThread(nullptr, 64 * 1024, sort_on_small_stack, &run, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
-    ASSERT_NE(nullptr, thread);
-    WaitForSingleObject(thread, INFINITE);
-    DWORD code = 1;
-    GetExitCodeThread(thread, &code);
-    CloseHandle(thread);
-    EXPECT_EQ(0u, code) << "the thread did not end normally";
-    EXPECT_EQ(S_OK, run.hr);
-    EXPECT_EQ(presorted_comparisons(run.n), run.comparisons);
-    EXPECT_EQ(0, run.swaps);
 }
 
 }  // namespace

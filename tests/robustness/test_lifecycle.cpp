@@ -1,0 +1,481 @@
+// The component over long runs: instances of every class made, used and
+// released many times with the process's memory, GDI objects and handles
+// staying level; the DLL unloaded by the platform once nothing of it is in
+// use and loaded again on the next request; and registration and
+// unregistration, each twice, leaving the registry as they found it.
+//
+// The length is VXTYPES32_LIFECYCLE_CYCLES cycles per class, 10,000 unless
+// set; the DLL is unloaded and reloaded once per 100 of them (at least 10
+// times).
+#include "frame/class_table.h"
+#include "sort/sort_sinks.h"
+#include "support/resource_counts.h"
+
+#include <winternl.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <map>
+
+namespace vx::test {
+namespace {
+
+const wchar_t* const dll_name = L"vxTypes32.dll";
+const wchar_t* const libid = L"{4CF34B96-9FF3-440A-A358-4CF5DCBADA69}";
+const wchar_t* const scratch_path = L"Software\\vxTypes32 tests\\lifecycle";
+
+long cycles() {
+    const char* text = std::getenv("VXTYPES32_LIFECYCLE_CYCLES");
+    const long asked = text ? std::atol(text) : 0;
+    return asked > 0 ? asked : 10000;
+}
+
+std::string narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
+
+// Every handle the process holds, of any kind (Wine's GetProcessHandleCount
+// answers 0).
+long open_handles() {
+    using query_object = NTSTATUS(NTAPI*)(HANDLE, OBJECT_INFORMATION_CLASS, void*, ULONG, ULONG*);
+    static const auto query = reinterpret_cast<query_object>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQueryObject")));
+    long count = 0;
+    PUBLIC_OBJECT_BASIC_INFORMATION basic;
+    for (ULONG_PTR handle = 4; handle < 0x10000; handle += 4) {
+        ULONG length = 0;
+        if (query(reinterpret_cast<HANDLE>(handle), ObjectBasicInformation, &basic, sizeof basic, &length) == 0)
+            ++count;
+    }
+    return count;
+}
+
+struct resources {
+    std::size_t heap = 0, private_bytes = 0;
+    long gdi = 0, handles = 0;
+    DWORD keys = 0;
+};
+
+resources take_count() {
+    resources r;
+    r.heap = heap_bytes_in_use();
+    r.private_bytes = private_bytes();
+    r.gdi = gdi_object_count();
+    r.handles = open_handles();
+    r.keys = open_registry_keys();
+    return r;
+}
+
+std::string figures(const char* what, const resources& before, const resources& after) {
+    char line[400];
+    std::snprintf(line, sizeof line,
+                  "%s: heap %zu -> %zu bytes, private %zu -> %zu KB, GDI objects %ld -> %ld, handles %ld -> %ld, "
+                  "registry keys %lu -> %lu",
+                  what, before.heap, after.heap, before.private_bytes / 1024, after.private_bytes / 1024, before.gdi,
+                  after.gdi, before.handles, after.handles, static_cast<unsigned long>(before.keys),
+                  static_cast<unsigned long>(after.keys));
+    return line;
+}
+
+// Whatever grows with the number of cycles shows above this; what the
+// platform caches once (the first BSTRs, a heap's bookkeeping) stays below.
+constexpr std::size_t heap_allowance = 16 * 1024;
+
+void expect_level(const std::string& what, const resources& before, const resources& after, long count) {
+    std::printf("%s\n", figures(what.c_str(), before, after).c_str());
+    EXPECT_LE(after.heap, before.heap + heap_allowance)
+        << what << ": " << (static_cast<double>(after.heap) - before.heap) / count << " bytes a cycle";
+    EXPECT_EQ(before.gdi, after.gdi) << what << ": GDI objects";
+    EXPECT_EQ(before.keys, after.keys) << what << ": open registry keys";
+    EXPECT_LE(after.handles, before.handles + 2) << what << ": handles";
+}
+
+// ---- Using each class once ------------------------------------------------------------
+
+// One use of a new instance, as a client would: every class touches what it
+// owns (pixel memory and DCs, the open key, the connection) and leaves some
+// of it for its termination step. Each returns false on a wrong answer.
+struct class_use {
+    const wchar_t* name;
+    std::function<bool(IUnknown*, long cycle)> use;
+    void (*after_release)() = nullptr;
+};
+
+bool use_anchor(IUnknown* object, long) {
+    com_ptr<IDispatch> dual = com_ptr<IUnknown>::copy(object).query<IDispatch>(IID_IDispatch);
+    com_ptr<ITypeInfo> info;
+    return dual && dual->GetTypeInfo(0, 0, info.put()) == S_OK && info;
+}
+
+bool use_complex(IUnknown* object, long) {
+    com_ptr<_CComplexNumber> z = com_ptr<IUnknown>::copy(object).query<_CComplexNumber>(IID__CComplexNumber);
+    double real = 1, imaginary = 2;
+    com_ptr<_CComplexNumber> same, product, quotient;
+    z->Init(&real, &imaginary, same.put());
+    real = 3, imaginary = 4;
+    z->Multiply2(&real, &imaginary, product.put());
+    unique_bstr text;
+    if (!product || product->Text(text.put()) != S_OK || text_of(text.get()) != L"-5+10i") return false;
+    real = 0, imaginary = 0;
+    // A raised error: the exception, the error info and their strings.
+    const bool raised = z->Divide2(&real, &imaginary, quotient.put()) == static_cast<HRESULT>(0x800A0006);  // 0/0: overflow
+    return raised && take_error_info().source == L"CComplexNumber.Divide2";
+}
+
+bool use_dib_section(IUnknown* object, long cycle) {
+    com_ptr<_cDIBSection> section = com_ptr<IUnknown>::copy(object).query<_cDIBSection>(IID__cDIBSection);
+    VARIANT_BOOL made = VARIANT_FALSE;
+    if (section->Create(16, 8, &made) != S_OK || made != VARIANT_TRUE) return false;
+    section->RandomiseBits(VARIANT_TRUE);
+    com_ptr<_cDIBSection> resampled;
+    if (section->Resample(6, 10, resampled.put()) != S_OK || !resampled) return false;
+    LONG dc = 0;
+    resampled->get_hdc(&dc);
+    if (section->PaintPicture(dc, 0, 0, 10, 6, 0, 0, RasterOpConstants(SRCCOPY)) != S_OK) return false;
+    if (cycle % 2) section->ClearUp();  // else the termination step releases it
+    return true;
+}
+
+// The sink of the current cycle: it outlives the sorter, which may still
+// hold it when the instance goes, and is deleted after that, checking that
+// the sorter let it go.
+item_store sorted_items;
+recording_sink* cycle_sink;
+
+bool use_quick_sort(IUnknown* object, long cycle) {
+    connected_sorter s(com_ptr<IUnknown>::copy(object).query<_clsQuickSort>(IID__clsQuickSort));
+    if (!s.point) return false;
+    sorted_items = {1, {5, 3, 9, 1, 7, 2, 8, 4, 6, 0}};
+    cycle_sink = new recording_sink(&sorted_items);
+    const DWORD cookie = s.advise(cycle_sink);
+    const bool sorted =
+        s.sorter->Sort(10, 1) == S_OK && std::is_sorted(sorted_items.values.begin(), sorted_items.values.end());
+    if (cycle % 2) s.point->Unadvise(cookie);  // else the sorter lets the sink go as it ends
+    return sorted;
+}
+
+void after_quick_sort() {
+    delete cycle_sink;
+    cycle_sink = nullptr;
+}
+
+bool use_easy_registry(IUnknown* object, long cycle) {
+    com_ptr<_clsEasyRegistry> reg = com_ptr<IUnknown>::copy(object).query<_clsEasyRegistry>(IID__clsEasyRegistry);
+    LONG status = -1;
+    unique_bstr path = bstr_from(std::wstring(L"\\HKEY_CURRENT_USER\\") + scratch_path);
+    reg->CD(path.get(), &status);
+    if (status != 0) return false;
+    unique_variant list;
+    reg->DirKey(list.get(), &status);
+    if (status != 0) return false;
+    unique_bstr name = bstr_from(L"value");
+    enmDataType kind = erSTRING;
+    VARIANT text;
+    V_VT(&text) = VT_BSTR;
+    V_BSTR(&text) = SysAllocString(L"written");
+    reg->put_ValueOf(name.get(), &kind, &status, text);
+    VariantClear(&text);
+    if (status != 0) return false;
+    unique_variant read;
+    reg->get_ValueOf(name.get(), &kind, &status, read.get());
+    if (status != 0) return false;
+    unique_bstr sub = bstr_from(L"sub");
+    reg->CD(sub.get(), &status);
+    if (cycle % 2) {
+        unique_bstr up = bstr_from(L"..");
+        reg->CD(up.get(), &status);
+    }
+    return status == 0;  // the current key is left open for the termination step
+}
+
+HBITMAP masked_bitmap;  // the client's, made once
+
+bool use_masked_bitmap(IUnknown* object, long) {
+    com_ptr<_clsBitmap> masked = com_ptr<IUnknown>::copy(object).query<_clsBitmap>(IID__clsBitmap);
+    LONG handle = static_cast<LONG>(reinterpret_cast<LONG_PTR>(masked_bitmap));
+    VARIANT_BOOL set = VARIANT_FALSE;
+    // True every time: the previous instance's image DC let the bitmap go.
+    if (masked->SetBitmap(&handle, &set) != S_OK || set != VARIANT_TRUE) return false;
+    LONG mask = 0, inverted = 0;
+    masked->get_MaskDC(&mask);
+    masked->get_InvertImageDC(&inverted);
+    return mask != 0 && inverted != 0;
+}
+
+bool use_user_info(IUnknown* object, long) {
+    com_ptr<_UserInfo> user = com_ptr<IUnknown>::copy(object).query<_UserInfo>(IID__UserInfo);
+    unique_variant logon, computer;
+    return user->get_Logon(logon.get()) == S_OK && V_VT(logon.get()) == VT_BSTR &&
+           user->get_ComputerName(computer.get()) == S_OK && V_VT(computer.get()) == VT_BSTR;
+}
+
+const class_use uses[] = {
+    {L"Class_vxTypes32", use_anchor},      {L"CComplexNumber", use_complex},
+    {L"cDIBSection", use_dib_section},     {L"clsQuickSort", use_quick_sort, after_quick_sort},
+    {L"clsEasyRegistry", use_easy_registry}, {L"clsBitmap", use_masked_bitmap},
+    {L"UserInfo", use_user_info},
+};
+
+const class_entry* entry_named(const wchar_t* name) {
+    for (const class_entry& c : class_table())
+        if (std::wstring(c.name) == name) return &c;
+    return nullptr;
+}
+
+class Lifecycle : public ::testing::Test {
+public:
+    static void SetUpTestSuite() {
+        RegDeleteTreeW(HKEY_CURRENT_USER, scratch_path);
+        unique_hkey key;
+        RegCreateKeyExW(HKEY_CURRENT_USER, (std::wstring(scratch_path) + L"\\sub").c_str(), 0, nullptr, 0,
+                        KEY_ALL_ACCESS, nullptr, key.put(), nullptr);
+        HDC screen = GetDC(nullptr);
+        masked_bitmap = CreateCompatibleBitmap(screen, 24, 12);
+        ReleaseDC(nullptr, screen);
+    }
+    static void TearDownTestSuite() {
+        DeleteObject(masked_bitmap);
+        RegDeleteTreeW(HKEY_CURRENT_USER, scratch_path);
+    }
+};
+
+// Calls one export of the DLL the way regsvr32 does: loaded for the call
+// and freed after it.
+HRESULT call_export(const char* name) {
+    HMODULE module = LoadLibraryW(dll_path().c_str());
+    if (!module) return HRESULT_FROM_WIN32(GetLastError());
+    using export_function = HRESULT(STDAPICALLTYPE*)();
+    const auto function =
+        reinterpret_cast<export_function>(reinterpret_cast<void*>(GetProcAddress(module, name)));
+    const HRESULT result = function ? function() : E_NOINTERFACE;
+    FreeLibrary(module);
+    return result;
+}
+
+// ---- Many cycles ----------------------------------------------------------------------
+
+TEST_F(Lifecycle, ManyInstancesOfEveryClassLeaveMemoryAndHandlesLevel) {
+    ASSERT_EQ(S_OK, call_export("DllRegisterServer"));
+    const long count = cycles();
+    for (const class_use& u : uses) {
+        const class_entry* entry = entry_named(u.name);
+        ASSERT_NE(nullptr, entry) << narrow(u.name);
+        const std::string name = narrow(u.name);
+        com_ptr<IClassFactory> factory;
+        ASSERT_EQ(S_OK, CoGetClassObject(*entry->clsid, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory,
+                                         factory.put_void()))
+            << name;
+        // Most instances come from the class object; every hundredth goes
+        // the whole way through the registry.
+        auto one_cycle = [&](long cycle) {
+            com_ptr<IUnknown> object;
+            const HRESULT made =
+                cycle % 100 == 0
+                    ? CoCreateInstance(*entry->clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, object.put_void())
+                    : factory->CreateInstance(nullptr, IID_IUnknown, object.put_void());
+            if (made != S_OK) {
+                ADD_FAILURE() << name << ", cycle " << cycle << ": " << hex(made);
+                return false;
+            }
+            const bool right = u.use(object.get(), cycle);
+            object.reset();
+            if (u.after_release) u.after_release();
+            if (!right) ADD_FAILURE() << name << ", cycle " << cycle << ": a wrong answer";
+            return right;
+        };
+        for (long warm = 0; warm < 100; ++warm) one_cycle(warm);  // the platform's first-use caches
+        const resources before = take_count();
+        for (long cycle = 0; cycle < count; ++cycle)
+            if (!one_cycle(cycle)) break;
+        const resources after = take_count();
+        expect_level(name + ", " + std::to_string(count) + " cycles", before, after, count);
+    }
+}
+
+// ---- Unloading ------------------------------------------------------------------------
+
+using can_unload_function = HRESULT(STDAPICALLTYPE*)();
+
+HRESULT ask_can_unload() {
+    // Looked up, not loaded: the test holds no reference of its own.
+    HMODULE loaded = GetModuleHandleW(dll_name);
+    if (!loaded) return E_UNEXPECTED;
+    const auto can_unload =
+        reinterpret_cast<can_unload_function>(reinterpret_cast<void*>(GetProcAddress(loaded, "DllCanUnloadNow")));
+    return can_unload ? can_unload() : E_UNEXPECTED;
+}
+
+TEST_F(Lifecycle, TheDllUnloadsOnceUnusedAndLoadsAgain) {
+    ASSERT_EQ(S_OK, call_export("DllRegisterServer"));
+    CoFreeUnusedLibrariesEx(0, 0);
+    ASSERT_EQ(nullptr, GetModuleHandleW(dll_name)) << "something still holds the DLL before the test";
+    const long reloads = std::max(cycles() / 100, 10L);
+    resources before;
+    for (long round = 0; round < reloads; ++round) {
+        if (round == 2) before = take_count();  // after the platform's first-load caches
+        const std::string at = "round " + std::to_string(round) + ": ";
+        for (const class_use& u : uses) {
+            const class_entry* entry = entry_named(u.name);
+            const std::string name = at + narrow(u.name);
+            com_ptr<IUnknown> object;
+            ASSERT_EQ(S_OK, CoCreateInstance(*entry->clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown,
+                                             object.put_void()))
+                << name;
+            EXPECT_TRUE(u.use(object.get(), round)) << name;
+            EXPECT_EQ(hex(S_FALSE), hex(ask_can_unload())) << name << ": an instance is alive";
+            CoFreeUnusedLibrariesEx(0, 0);
+            ASSERT_NE(nullptr, GetModuleHandleW(dll_name)) << name << ": unloaded under a live instance";
+            object.reset();
+            if (u.after_release) u.after_release();
+            EXPECT_EQ(hex(S_OK), hex(ask_can_unload())) << name << ": the last instance is gone";
+        }
+        // A class-object lock keeps it too, with no instance alive.
+        com_ptr<IClassFactory> factory;
+        ASSERT_EQ(S_OK, CoGetClassObject(CLSID_UserInfo, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory,
+                                         factory.put_void()));
+        factory->LockServer(TRUE);
+        factory.reset();
+        EXPECT_EQ(hex(S_FALSE), hex(ask_can_unload())) << at << "a lock is held";
+        CoFreeUnusedLibrariesEx(0, 0);
+        ASSERT_NE(nullptr, GetModuleHandleW(dll_name)) << at << "unloaded under a lock";
+        ASSERT_EQ(S_OK, CoGetClassObject(CLSID_UserInfo, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory,
+                                         factory.put_void()));
+        factory->LockServer(FALSE);
+        factory.reset();
+
+        EXPECT_EQ(hex(S_OK), hex(ask_can_unload())) << at;
+        CoFreeUnusedLibrariesEx(0, 0);
+        ASSERT_EQ(nullptr, GetModuleHandleW(dll_name)) << at << "the platform did not unload the DLL";
+    }
+    const resources after = take_count();
+    std::printf("%s\n", figures((std::to_string(reloads - 2) + " unloads and reloads").c_str(), before, after).c_str());
+    EXPECT_EQ(before.gdi, after.gdi) << "GDI objects";
+    EXPECT_EQ(before.keys, after.keys) << "open registry keys";
+}
+
+// Each load of the DLL leaves a thread handle, an event and about 19 KB of
+// heap behind when it is freed: the statically linked threads runtime keeps
+// a record of the loading thread that the unload does not free. Run it with
+// --gtest_also_run_disabled_tests.
+TEST_F(Lifecycle, DISABLED_LoadingAndFreeingTheDllLeavesMemoryAndHandlesLevel) {
+    auto load_and_free = [] { FreeLibrary(LoadLibraryW(dll_path().c_str())); };
+    load_and_free();
+    load_and_free();
+    const resources before = take_count();
+    const long count = std::max(cycles() / 100, 10L);
+    for (long i = 0; i < count; ++i) load_and_free();
+    expect_level(std::to_string(count) + " loads and frees", before, take_count(), count);
+}
+
+// ---- Registration ---------------------------------------------------------------------
+
+// Every key that registration writes or removes, with its values: path,
+// then "path|value name" = type and data.
+using registry_snapshot = std::map<std::wstring, std::wstring>;
+
+void add_key(HKEY root, const std::wstring& path, registry_snapshot& into) {
+    unique_hkey key;
+    if (RegOpenKeyExW(root, path.c_str(), 0, KEY_READ, key.put()) != ERROR_SUCCESS) return;
+    into[path] = L"<key>";
+    for (DWORD i = 0;; ++i) {
+        wchar_t name[256];
+        DWORD name_length = 256, type = 0, bytes = 0;
+        BYTE data[2048];
+        bytes = sizeof data;
+        if (RegEnumValueW(key.get(), i, name, &name_length, nullptr, &type, data, &bytes) != ERROR_SUCCESS) break;
+        std::wstring text = std::to_wstring(type) + L":";
+        for (DWORD b = 0; b < bytes; ++b) text += L"0123456789ABCDEF"[data[b] >> 4], text += L"0123456789ABCDEF"[data[b] & 15];
+        into[path + L"|" + name] = text;
+    }
+    for (DWORD i = 0;; ++i) {
+        wchar_t name[256];
+        DWORD name_length = 256;
+        if (RegEnumKeyExW(key.get(), i, name, &name_length, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS)
+            break;
+        add_key(root, path + L"\\" + name, into);
+    }
+}
+
+// The interfaces of the library and the earlier identity of _UserInfo.
+const wchar_t* const interface_ids[] = {
+    L"{F8C1D47F-C472-42B4-98C3-797A00CC45FF}", L"{3986CECB-15A2-4AEC-939B-6FA01FA5E59C}",
+    L"{BCFEA24D-F839-4CDF-86B8-FB46F906C28C}", L"{E0592E2C-A229-43F7-A393-8956C50648B5}",
+    L"{F4BBD37D-F4E6-41F9-B6BB-E27E25DACF7C}", L"{9245A22A-FEC2-4CA5-8D19-BC6484D89305}",
+    L"{46CA20A9-F4C9-459C-A3FB-19DFE14D73F8}", L"{ED5DAF74-73DE-4DA5-B0D3-CC8D70F6581B}",
+    L"{67D601DC-CB76-4D06-ADCC-D8F8780C249B}",
+};
+
+registry_snapshot snapshot() {
+    registry_snapshot s;
+    for (const class_entry& c : class_table()) {
+        wchar_t clsid[40] = {};
+        StringFromGUID2(*c.clsid, clsid, 40);
+        add_key(HKEY_CLASSES_ROOT, std::wstring(L"CLSID\\") + clsid, s);
+        add_key(HKEY_CLASSES_ROOT, std::wstring(L"vxTypes32.") + c.name, s);
+    }
+    add_key(HKEY_CLASSES_ROOT, std::wstring(L"TypeLib\\") + libid, s);
+    for (const wchar_t* iid : interface_ids) add_key(HKEY_CLASSES_ROOT, std::wstring(L"Interface\\") + iid, s);
+    return s;
+}
+
+// The first difference between two snapshots, or an empty string.
+std::string difference(const registry_snapshot& expected, const registry_snapshot& seen) {
+    for (const auto& [path, value] : expected) {
+        auto found = seen.find(path);
+        if (found == seen.end()) return "missing " + narrow(path);
+        if (found->second != value) return "changed " + narrow(path) + ": " + narrow(found->second);
+    }
+    for (const auto& [path, value] : seen)
+        if (!expected.count(path)) return "left behind " + narrow(path) + " = " + narrow(value);
+    return {};
+}
+
+TEST_F(Lifecycle, RegistrationAndUnregistrationEachTwiceLeaveTheRegistryAsFound) {
+    ASSERT_EQ(S_OK, call_export("DllUnregisterServer"));
+    const registry_snapshot nothing = snapshot();
+    EXPECT_TRUE(nothing.empty()) << "unregistered, yet " << narrow(nothing.begin()->first);
+
+    // Another version of the library, registered by someone else, stays.
+    const std::wstring other_version = std::wstring(L"TypeLib\\") + libid + L"\\1.0";
+    {
+        unique_hkey key;
+        ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(HKEY_CLASSES_ROOT, (other_version + L"\\0\\win32").c_str(), 0,
+                                                 nullptr, 0, KEY_ALL_ACCESS, nullptr, key.put(), nullptr));
+        const wchar_t path[] = L"C:\\elsewhere\\older.tlb";
+        RegSetValueExW(key.get(), nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(path), sizeof path);
+    }
+    const registry_snapshot before = snapshot();
+
+    ASSERT_EQ(S_OK, call_export("DllRegisterServer"));
+    const registry_snapshot registered = snapshot();
+    EXPECT_GT(registered.size(), before.size() + 40) << "registration wrote its keys";
+    ASSERT_EQ(S_OK, call_export("DllRegisterServer")) << "registering twice";
+    EXPECT_EQ("", difference(registered, snapshot())) << "registering twice";
+
+    ASSERT_EQ(S_OK, call_export("DllUnregisterServer"));
+    EXPECT_EQ("", difference(before, snapshot())) << "after unregistering";
+    ASSERT_EQ(S_OK, call_export("DllUnregisterServer")) << "unregistering twice";
+    EXPECT_EQ("", difference(before, snapshot())) << "after unregistering twice";
+
+    EXPECT_EQ(ERROR_SUCCESS, RegDeleteTreeW(HKEY_CLASSES_ROOT, (std::wstring(L"TypeLib\\") + libid).c_str()));
+    EXPECT_EQ("", difference(nothing, snapshot()));
+
+    // Ends registered, as the script clients expect.
+    ASSERT_EQ(S_OK, call_export("DllRegisterServer"));
+    registry_snapshot expected = registered;
+    for (auto i = expected.begin(); i != expected.end();)
+        i = i->first.compare(0, other_version.size(), other_version) == 0 ? expected.erase(i) : std::next(i);
+    EXPECT_EQ("", difference(expected, snapshot())) << "registered again";
+    CLSID clsid{};
+    EXPECT_EQ(S_OK, CLSIDFromProgID(L"vxTypes32.UserInfo", &clsid));
+}
+
+TEST_F(Lifecycle, RegisteringThroughLoadAndFreeLeavesNothingLoaded) {
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(S_OK, call_export("DllRegisterServer"));
+        EXPECT_EQ(nullptr, GetModuleHandleW(dll_name)) << "registration " << i << " kept the DLL loaded";
+    }
+}
+
+}  // namespace
+}  // namespace vx::test
