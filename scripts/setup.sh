@@ -6,7 +6,7 @@ set -euo pipefail
 
 packages=(wine wine32:i386 wine64 libwine-dev gcc-mingw-w64-i686 g++-mingw-w64-i686
           binutils-mingw-w64-i686 mingw-w64-tools cmake googletest
-          xvfb xauth)
+          python3 xvfb xauth)
 
 missing=()
 for p in "${packages[@]}"; do
