@@ -1,15 +1,11 @@
 // Record semantics as an automation client gets them from the platform's
-// IRecordInfo over our type library: sizes, empty records, and ownership of
-// strings and arrays through copy and clear.
-//
-// Wine 8.0 falls short of Windows here, and the tests say where:
-// - RecordClear and RecordCopy misread dynamic-array fields (they hand the
-//   field's address, not the array, to SafeArrayDestroy and SafeArrayCopy);
-// - they skip fixed-array and nested-record fields altogether;
-// - GetField reads no array fields.
+// IRecordInfo over our type library: identities, empty records, and
+// ownership of strings and arrays through copy and clear.
 #include "support/component.h"
 #include "vxTypes32_types.h"
 
+#include <cstring>
+#include <functional>
 #include <iterator>
 #include <memory>
 #include <string>
@@ -23,9 +19,7 @@ using namespace vxTypes32;
 
 std::string narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
 
-bool on_wine() {
-    return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
-}
+bool on_wine() { return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr; }
 
 com_ptr<IRecordInfo> record_info(const GUID& type) {
     com_ptr<ITypeLib> library;
@@ -43,41 +37,38 @@ GUID guid(const wchar_t* text) {
     return value;
 }
 
-struct record_identity {
-    const wchar_t* name;
-    const wchar_t* guid;
-    ULONG size;
-    ULONG fields;
-    const wchar_t* first_field;
-    const wchar_t* last_field;
-};
-
-const record_identity records[] = {
-    {L"IPDataRecord", L"{E3DA102C-9C32-4E0F-9ADA-E2268419DB69}", 256, 44, L"array_type", L"Comments"},
-    {L"Veltrax_point_transform", L"{83A179F6-B2BB-4E75-8221-F9D1ABC312FC}", 124, 16, L"DoTransform", L"zscale"},
-    {L"datum_transform", L"{0BE89198-F9A7-48E8-935E-B60E4A197359}", 316, 9, L"datum_name", L"datum_parameters"},
-    {L"Coordinate_System", L"{68FCAB92-37EA-4E88-A90F-08701E450CFB}", 308, 28, L"IsValid", L"projection_parameters"},
-    {L"OPENFILENAME", L"{780C64B3-4B4F-4904-BA27-E222F086B01D}", 76, 20, L"lStructSize", L"lpTemplateName"},
-    {L"CHOOSECOLOR", L"{D9BF45C5-28FB-459D-AE9B-1AE0DF94E693}", 36, 9, L"lStructSize", L"lpTemplateName"},
-    {L"BrowseInfo", L"{01DF86B3-691C-44D7-A0D1-E78C9694C928}", 32, 8, L"hWndOwner", L"iImage"},
-    {L"Veltrax_posting_file", L"{BC0B5FC5-83A3-4870-A308-01A376D5DE20}", 6124, 22, L"file_name", L"macro_text"},
-    {L"Veltrax_posting_field", L"{D25526CD-58D1-4A20-877A-75D71C0FD05B}", 176, 28, L"Name", L"ip_topo_ygcol"},
-    {L"Veltrax_posting_source", L"{864F6AF3-01BF-4540-8F7C-0182FC35463D}", 29796, 54, L"FileDef", L"point_transform"},
-    {L"Veltrax_facet_file", L"{31582D70-955D-497B-8EF2-DB1EBCAA5433}", 52, 13, L"format", L"coord_zpos"},
-};
-
-TEST(RecordInfo, EveryRecordThroughItsTypeInfo) {
+TEST(RecordInfo, EveryRecordHasItsIdentityAndInitsToZeroes) {
+    struct record_identity {
+        const wchar_t *name, *guid;
+        ULONG size, fields;
+        const wchar_t *first_field, *last_field;
+    };
+    const record_identity records[] = {
+        {L"IPDataRecord", L"{E3DA102C-9C32-4E0F-9ADA-E2268419DB69}", 256, 44, L"array_type", L"Comments"},
+        {L"Veltrax_point_transform", L"{83A179F6-B2BB-4E75-8221-F9D1ABC312FC}", 124, 16, L"DoTransform", L"zscale"},
+        {L"datum_transform", L"{0BE89198-F9A7-48E8-935E-B60E4A197359}", 316, 9, L"datum_name", L"datum_parameters"},
+        {L"Coordinate_System", L"{68FCAB92-37EA-4E88-A90F-08701E450CFB}", 308, 28, L"IsValid",
+         L"projection_parameters"},
+        {L"OPENFILENAME", L"{780C64B3-4B4F-4904-BA27-E222F086B01D}", 76, 20, L"lStructSize", L"lpTemplateName"},
+        {L"CHOOSECOLOR", L"{D9BF45C5-28FB-459D-AE9B-1AE0DF94E693}", 36, 9, L"lStructSize", L"lpTemplateName"},
+        {L"BrowseInfo", L"{01DF86B3-691C-44D7-A0D1-E78C9694C928}", 32, 8, L"hWndOwner", L"iImage"},
+        {L"Veltrax_posting_file", L"{BC0B5FC5-83A3-4870-A308-01A376D5DE20}", 6124, 22, L"file_name", L"macro_text"},
+        {L"Veltrax_posting_field", L"{D25526CD-58D1-4A20-877A-75D71C0FD05B}", 176, 28, L"Name", L"ip_topo_ygcol"},
+        {L"Veltrax_posting_source", L"{864F6AF3-01BF-4540-8F7C-0182FC35463D}", 29796, 54, L"FileDef",
+         L"point_transform"},
+        {L"Veltrax_facet_file", L"{31582D70-955D-497B-8EF2-DB1EBCAA5433}", 52, 13, L"format", L"coord_zpos"},
+    };
     for (const record_identity& r : records) {
         const std::string where = narrow(r.name);
         com_ptr<IRecordInfo> info = record_info(guid(r.guid));
         ASSERT_TRUE(info) << where;
         unique_bstr name;
+        GUID found{};
+        ULONG size = 0;
         EXPECT_EQ(S_OK, info->GetName(name.put())) << where;
         EXPECT_EQ(r.name, text_of(name.get())) << where;
-        GUID found{};
         EXPECT_EQ(S_OK, info->GetGuid(&found)) << where;
         EXPECT_TRUE(IsEqualGUID(guid(r.guid), found)) << where;
-        ULONG size = 0;
         EXPECT_EQ(S_OK, info->GetSize(&size)) << where;
         EXPECT_EQ(r.size, size) << where;
         // Room for more names than any record has: Wine does not count
@@ -91,20 +82,12 @@ TEST(RecordInfo, EveryRecordThroughItsTypeInfo) {
             EXPECT_EQ(r.last_field, text_of(names[count - 1])) << where;
         }
         for (ULONG i = 0; i < count && i < 64; ++i) SysFreeString(names[i]);
-    }
-}
 
-TEST(RecordInfo, InitGivesAnAllZeroRecordOfItsSize) {
-    for (const record_identity& r : records) {
-        const std::string where = narrow(r.name);
-        com_ptr<IRecordInfo> info = record_info(guid(r.guid));
-        ASSERT_TRUE(info) << where;
         std::vector<unsigned char> bytes(r.size + 8, 0xA5);
         ASSERT_EQ(S_OK, info->RecordInit(bytes.data())) << where;
-        size_t nonzero = 0;
-        for (ULONG i = 0; i < r.size; ++i) nonzero += bytes[i] != 0;
-        EXPECT_EQ(0u, nonzero) << where << ": bytes left nonzero";
-        EXPECT_EQ(0xA5, bytes[r.size]) << where << ": written past the end";
+        EXPECT_EQ(std::vector<unsigned char>(r.size), std::vector<unsigned char>(bytes.begin(), bytes.end() - 8))
+            << where << ": RecordInit leaves bytes nonzero";
+        EXPECT_EQ(0xA5, bytes[r.size]) << where << ": RecordInit wrote past the end";
     }
 }
 
@@ -113,106 +96,105 @@ TEST(RecordInfo, AllZeroReadingReadsBackEmpty) {
     ASSERT_TRUE(info);
     IPDataRecord reading{};
     ASSERT_EQ(S_OK, info->RecordInit(&reading));
-
-    struct expected_field {
-        const wchar_t* name;
-        VARTYPE type;
+    const std::pair<const wchar_t*, VARTYPE> fields[] = {
+        {L"array_type", VT_BSTR}, {L"survey_type", VT_BSTR},    {L"Tx_line", VT_BSTR},     {L"Rx_line", VT_BSTR},
+        {L"Comments", VT_BSTR},   {L"reading_time", VT_DATE},   {L"UseData", VT_BOOL},     {L"UseRes", VT_BOOL},
+        {L"UseIP", VT_BOOL},      {L"raw_channel", VT_I4},      {L"c1", VT_R8},            {L"Rx_Line_Number", VT_R8},
+        {L"txI", VT_R4},          {L"EMC_dt", VT_R4},           {L"num_repeats", VT_I4},   {L"decay_area", VT_R8},
     };
-    const expected_field fields[] = {
-        {L"array_type", VT_BSTR},  {L"survey_type", VT_BSTR}, {L"Tx_line", VT_BSTR},
-        {L"Rx_line", VT_BSTR},     {L"Comments", VT_BSTR},    {L"reading_time", VT_DATE},
-        {L"UseData", VT_BOOL},     {L"UseRes", VT_BOOL},      {L"UseIP", VT_BOOL},
-        {L"raw_channel", VT_I4},   {L"c1", VT_R8},            {L"Rx_Line_Number", VT_R8},
-        {L"txI", VT_R4},           {L"EMC_dt", VT_R4},        {L"num_repeats", VT_I4},
-        {L"decay_area", VT_R8},
-    };
-    for (const expected_field& e : fields) {
-        const std::string where = narrow(e.name);
+    for (const auto& [name, type] : fields) {
+        const std::string where = narrow(name);
         unique_variant value;
-        ASSERT_EQ(S_OK, info->GetField(&reading, e.name, value.put())) << where;
-        ASSERT_EQ(e.type, V_VT(value.get())) << where;
-        if (e.type == VT_BSTR) {
+        ASSERT_EQ(S_OK, info->GetField(&reading, name, value.put())) << where;
+        ASSERT_EQ(type, V_VT(value.get())) << where;
+        if (type == VT_BSTR) {
             EXPECT_EQ(L"", text_of(V_BSTR(value.get()))) << where << " is the empty string";
-        } else if (e.type == VT_BOOL) {
-            EXPECT_EQ(VARIANT_FALSE, V_BOOL(value.get())) << where << " is false";
         } else {
-            unique_variant number;
+            unique_variant number;  // False converts to 0
             ASSERT_EQ(S_OK, VariantChangeType(number.get(), value.get(), 0, VT_R8)) << where;
             EXPECT_EQ(0.0, V_R8(number.get())) << where << " is zero";
         }
     }
+}
 
-    EXPECT_EQ(nullptr, reading.repeat_data) << "no repeat array";
-    unique_variant array;
-    const HRESULT hr = info->GetField(&reading, L"repeat_data", array.put());
-    if (!(on_wine() && hr == E_NOTIMPL)) {  // Wine's GetField reads no array fields
-        EXPECT_EQ(S_OK, hr);
-        EXPECT_TRUE(V_VT(array.get()) & VT_ARRAY) << "repeat_data reads back as an array";
-        EXPECT_EQ(nullptr, V_ARRAY(array.get())) << "and there is none";
+using record_bytes = unsigned char*;
+BSTR& string_at(record_bytes record, ULONG offset) { return *reinterpret_cast<BSTR*>(record + offset); }
+std::wstring text_for(ULONG offset) { return L"text at " + std::to_wstring(offset); }
+
+// Puts a string of its own at every offset of source, copies it and clears
+// the source and then the copy, checking at each step who owns what. The
+// numbers are left as fill_numbers set them; so are the bytes of padding,
+// which RecordInit zeroed. Gives false, having freed everything, when on
+// Wine the copy left strings out.
+bool copy_and_clear(IRecordInfo* info, ULONG size, const std::vector<ULONG>& strings, const std::string& where,
+                    const std::function<void(record_bytes)>& fill_numbers) {
+    std::vector<unsigned char> source_bytes(size), copy_bytes(size);
+    record_bytes source = source_bytes.data(), copy = copy_bytes.data();
+    EXPECT_EQ(S_OK, info->RecordInit(source)) << where;
+    EXPECT_EQ(S_OK, info->RecordInit(copy)) << where;
+    fill_numbers(source);
+    for (ULONG offset : strings) string_at(source, offset) = bstr_from(text_for(offset)).release();
+    auto release_leftovers = [&] {  // what a platform that fell short left; never twice
+        for (ULONG offset : strings) {
+            BSTR &mine = string_at(source, offset), &theirs = string_at(copy, offset);
+            if (theirs != mine) SysFreeString(theirs);
+            SysFreeString(mine);
+            mine = theirs = nullptr;
+        }
+    };
+    auto count = [&](const std::function<bool(ULONG)>& wrong) {
+        size_t n = 0;
+        for (ULONG offset : strings) n += wrong(offset);
+        return n;
+    };
+
+    EXPECT_EQ(S_OK, info->RecordCopy(source, copy)) << where;
+    if (on_wine() && count([&](ULONG at) { return !string_at(copy, at); })) {
+        release_leftovers();
+        return false;
     }
-}
-
-// Records whose fields are strings and plain numbers only, with the offsets
-// of their strings. They have no gaps, so every other byte is a number.
-struct string_record {
-    const wchar_t* name;
-    const GUID* type;
-    ULONG size;
-    std::vector<ULONG> strings;
-};
-
-BSTR& string_at(std::vector<unsigned char>& bytes, ULONG offset) {
-    return *reinterpret_cast<BSTR*>(bytes.data() + offset);
-}
-
-bool is_string_slot(const std::vector<ULONG>& strings, ULONG byte) {
+    EXPECT_EQ(0u, count([&](ULONG at) { return string_at(copy, at) == string_at(source, at); }))
+        << where << ": strings the copy shares with its source";
+    EXPECT_EQ(0u, count([&](ULONG at) { return text_of(string_at(copy, at)) != text_for(at); }))
+        << where << ": strings the copy does not hold";
+    std::vector<unsigned char> numbers_of_source = source_bytes, numbers_of_copy = copy_bytes;
     for (ULONG offset : strings) {
-        if (byte >= offset && byte < offset + sizeof(BSTR)) return true;
+        string_at(numbers_of_source.data(), offset) = string_at(numbers_of_copy.data(), offset) = nullptr;
     }
-    return false;
+    EXPECT_TRUE(numbers_of_source == numbers_of_copy) << where << ": bytes of numbers not copied";
+
+    EXPECT_EQ(S_OK, info->RecordClear(source)) << where;
+    EXPECT_EQ(0u, count([&](ULONG at) { return string_at(source, at) != nullptr; }))
+        << where << ": strings clearing left in the source";
+    EXPECT_EQ(0u, count([&](ULONG at) { return text_of(string_at(copy, at)) != text_for(at); }))
+        << where << ": strings of the copy that clearing the source took";
+    EXPECT_EQ(S_OK, info->RecordClear(copy)) << where;
+    EXPECT_EQ(0u, count([&](ULONG at) { return string_at(copy, at) != nullptr; }))
+        << where << ": strings clearing left in the copy";
+    release_leftovers();
+    return true;
 }
 
 TEST(RecordInfo, CopyAndClearOwnTheStrings) {
+    // Records of strings and numbers only, with no gaps: every byte that is
+    // not a string is given a value.
+    struct string_record {
+        const char* name;
+        const GUID* type;
+        ULONG size;
+        std::vector<ULONG> strings;
+    };
     const string_record cases[] = {
-        {L"OPENFILENAME", &GUID_OPENFILENAME, 76, {12, 16, 28, 36, 44, 48, 60, 72}},
-        {L"CHOOSECOLOR", &GUID_CHOOSECOLOR, 36, {16, 32}},
-        {L"Veltrax_facet_file", &GUID_Veltrax_facet_file, 52, {12, 32}},
+        {"OPENFILENAME", &GUID_OPENFILENAME, 76, {12, 16, 28, 36, 44, 48, 60, 72}},
+        {"CHOOSECOLOR", &GUID_CHOOSECOLOR, 36, {16, 32}},
+        {"Veltrax_facet_file", &GUID_Veltrax_facet_file, 52, {12, 32}},
     };
     for (const string_record& c : cases) {
-        const std::string where = narrow(c.name);
         com_ptr<IRecordInfo> info = record_info(*c.type);
-        ASSERT_TRUE(info) << where;
-        std::vector<unsigned char> source(c.size), copy(c.size);
-        ASSERT_EQ(S_OK, info->RecordInit(source.data())) << where;
-        ASSERT_EQ(S_OK, info->RecordInit(copy.data())) << where;
-        for (ULONG i = 0; i < c.size; ++i) source[i] = static_cast<unsigned char>(7 * i + 1);
-        for (ULONG offset : c.strings) {
-            string_at(source, offset) = bstr_from(L"text at " + std::to_wstring(offset)).release();
-        }
-
-        ASSERT_EQ(S_OK, info->RecordCopy(source.data(), copy.data())) << where;
-        for (ULONG offset : c.strings) {
-            const std::string at = where + " string at " + std::to_string(offset);
-            EXPECT_NE(string_at(source, offset), string_at(copy, offset)) << at << " has its own copy";
-            EXPECT_EQ(L"text at " + std::to_wstring(offset), text_of(string_at(copy, offset))) << at;
-        }
-        size_t numbers_differing = 0;
-        for (ULONG i = 0; i < c.size; ++i) {
-            numbers_differing += !is_string_slot(c.strings, i) && source[i] != copy[i];
-        }
-        EXPECT_EQ(0u, numbers_differing) << where << ": bytes of numbers not copied";
-
-        ASSERT_EQ(S_OK, info->RecordClear(source.data())) << where;
-        for (ULONG offset : c.strings) {
-            const std::string at = where + " string at " + std::to_string(offset);
-            EXPECT_EQ(nullptr, string_at(source, offset)) << at << " is freed and null";
-            EXPECT_EQ(L"text at " + std::to_wstring(offset), text_of(string_at(copy, offset)))
-                << at << " survives in the copy";
-        }
-        ASSERT_EQ(S_OK, info->RecordClear(copy.data())) << where;
-        for (ULONG offset : c.strings) {
-            EXPECT_EQ(nullptr, string_at(copy, offset)) << where << " copy's string at " << offset;
-        }
+        ASSERT_TRUE(info) << c.name;
+        EXPECT_TRUE(copy_and_clear(info.get(), c.size, c.strings, c.name, [&](record_bytes record) {
+            for (ULONG i = 0; i < c.size; ++i) record[i] = static_cast<unsigned char>(7 * i + 1);
+        })) << c.name;
     }
 }
 
@@ -226,149 +208,81 @@ struct guarded_reading {
 };
 static_assert(offsetof(guarded_reading, guard) == offsetof(IPDataRecord, repeat_data) + 8);
 
-constexpr float repeat_values[] = {1.5f, -2.25f, 3.0f, 0.125f};
+const std::vector<float> repeat_values = {1.5f, -2.25f, 3.0f, 0.125f};
 constexpr LONG repeat_first_index = 1;
 
 SAFEARRAY* make_repeat_data() {
-    SAFEARRAYBOUND bound{static_cast<ULONG>(std::size(repeat_values)), repeat_first_index};
+    SAFEARRAYBOUND bound{static_cast<ULONG>(repeat_values.size()), repeat_first_index};
     SAFEARRAY* array = SafeArrayCreate(VT_R4, 1, &bound);
-    for (LONG i = 0; array && i < static_cast<LONG>(std::size(repeat_values)); ++i) {
-        LONG index = repeat_first_index + i;
-        float value = repeat_values[i];
-        SafeArrayPutElement(array, &index, &value);
-    }
+    std::copy(repeat_values.begin(), repeat_values.end(), static_cast<float*>(array->pvData));
     return array;
 }
 
-void fill_reading(IPDataRecord& reading) {
-    reading.array_type = bstr_from(L"dipole-dipole").release();
-    reading.survey_type = bstr_from(L"IP").release();
-    reading.Tx_line = bstr_from(L"100N").release();
-    reading.Rx_line = bstr_from(L"200N").release();
-    reading.Comments = bstr_from(L"repeat readings").release();
-    reading.reading_time = 45000.75;
-    reading.UseData = VARIANT_TRUE;
-    reading.c1 = -12.5;
-    reading.Rx_Line_Number = 200.0;
-    reading.txI = 0.75f;
-    reading.num_repeats = 4;
-    reading.repeat_data = make_repeat_data();
+// The elements of a one-dimensional Single array from the first index.
+std::vector<float> repeat_values_of(SAFEARRAY* array) {
+    VARTYPE type = VT_EMPTY;
+    LONG lower = 0, upper = -1;
+    if (!array || SafeArrayGetDim(array) != 1 || SafeArrayGetVartype(array, &type) != S_OK || type != VT_R4) return {};
+    SafeArrayGetLBound(array, 1, &lower);
+    SafeArrayGetUBound(array, 1, &upper);
+    if (lower != repeat_first_index) return {};
+    const float* data = static_cast<const float*>(array->pvData);
+    return std::vector<float>(data, data + (upper - lower + 1));
 }
 
 // Frees what a platform that fell short left behind.
 void release_reading(IPDataRecord& reading) {
-    for (BSTR* text : {&reading.array_type, &reading.survey_type, &reading.Tx_line, &reading.Rx_line,
-                       &reading.Comments}) {
-        SysFreeString(std::exchange(*text, nullptr));
-    }
+    for (BSTR* text : {&reading.array_type, &reading.Comments}) SysFreeString(std::exchange(*text, nullptr));
     if (reading.repeat_data) SafeArrayDestroy(std::exchange(reading.repeat_data, nullptr));
 }
 
-constexpr const char* wine_array_fields =
-    "platform limitation: Wine's RecordClear and RecordCopy pass the address of a dynamic-array "
-    "field, not the array, to SafeArrayDestroy and SafeArrayCopy";
-
-TEST(RecordInfo, ClearFreesAReadingsStringsAndArray) {
-    com_ptr<IRecordInfo> info = record_info(GUID_IPDataRecord);
-    ASSERT_TRUE(info);
-    guarded_reading reading;
-    ASSERT_EQ(S_OK, info->RecordInit(&reading.record));
-    fill_reading(reading.record);
-    ASSERT_TRUE(reading.record.repeat_data);
-
-    ASSERT_EQ(S_OK, info->RecordClear(&reading.record));
-    const IPDataRecord& r = reading.record;
-    EXPECT_EQ(nullptr, r.array_type);
-    EXPECT_EQ(nullptr, r.survey_type);
-    EXPECT_EQ(nullptr, r.Tx_line);
-    EXPECT_EQ(nullptr, r.Rx_line);
-    EXPECT_EQ(nullptr, r.Comments);
-    if (r.repeat_data && on_wine()) {
-        release_reading(reading.record);
-        GTEST_SKIP() << wine_array_fields;
+// The repeat array of a reading: its absence read back, then clearing, then
+// copying, which is tried only once clearing has shown the platform handles
+// array fields (copying misreads the array before any check could stop it).
+bool reading_with_repeat_array(IRecordInfo* info) {
+    IPDataRecord empty{};
+    unique_variant array;
+    EXPECT_EQ(S_OK, info->RecordInit(&empty));
+    const HRESULT hr = info->GetField(&empty, L"repeat_data", array.put());
+    const bool reads_arrays = !(on_wine() && hr == E_NOTIMPL);
+    if (reads_arrays) {
+        EXPECT_EQ(S_OK, hr);
+        EXPECT_TRUE(V_VT(array.get()) & VT_ARRAY) << "no repeat array reads back as an array";
+        EXPECT_EQ(nullptr, V_ARRAY(array.get())) << "and there is none";
     }
-    EXPECT_EQ(nullptr, r.repeat_data) << "the repeat array is freed and its reference null";
-    release_reading(reading.record);
-}
 
-TEST(RecordInfo, CopyOfAReadingOwnsItsStringsAndArray) {
-    com_ptr<IRecordInfo> info = record_info(GUID_IPDataRecord);
-    ASSERT_TRUE(info);
-    if (on_wine()) {
-        // Copying misreads the array before any check could stop it; only
-        // run when clearing shows the platform handles array fields.
-        guarded_reading probe;
-        info->RecordInit(&probe.record);
-        probe.record.repeat_data = make_repeat_data();
-        info->RecordClear(&probe.record);
-        const bool handled = probe.record.repeat_data == nullptr;
-        release_reading(probe.record);
-        if (!handled) GTEST_SKIP() << wine_array_fields;
-    }
+    guarded_reading cleared;
+    EXPECT_EQ(S_OK, info->RecordInit(&cleared.record));
+    cleared.record.Comments = bstr_from(L"cleared").release();
+    cleared.record.repeat_data = make_repeat_data();
+    EXPECT_EQ(S_OK, info->RecordClear(&cleared.record));
+    EXPECT_EQ(nullptr, cleared.record.Comments) << "clearing frees the string after the array";
+    const bool handled = cleared.record.repeat_data == nullptr;
+    release_reading(cleared.record);
+    if (on_wine() && !handled) return false;
+    EXPECT_TRUE(handled) << "clearing frees the repeat array and nulls its reference";
 
     IPDataRecord source{}, copy{};
-    ASSERT_EQ(S_OK, info->RecordInit(&source));
-    ASSERT_EQ(S_OK, info->RecordInit(&copy));
-    fill_reading(source);
-    ASSERT_EQ(S_OK, info->RecordCopy(&source, &copy));
-
-    struct string_field {
-        const char* name;
-        BSTR IPDataRecord::*member;
-        const wchar_t* text;
-    };
-    const string_field strings[] = {
-        {"array_type", &IPDataRecord::array_type, L"dipole-dipole"},
-        {"survey_type", &IPDataRecord::survey_type, L"IP"},
-        {"Tx_line", &IPDataRecord::Tx_line, L"100N"},
-        {"Rx_line", &IPDataRecord::Rx_line, L"200N"},
-        {"Comments", &IPDataRecord::Comments, L"repeat readings"},
-    };
-    for (const string_field& s : strings) {
-        EXPECT_NE(source.*s.member, copy.*s.member) << s.name << " has its own copy";
-        EXPECT_EQ(s.text, text_of(copy.*s.member)) << s.name;
-    }
-    EXPECT_EQ(45000.75, copy.reading_time);
-    EXPECT_EQ(VARIANT_TRUE, copy.UseData);
-    EXPECT_EQ(-12.5, copy.c1);
-    EXPECT_EQ(200.0, copy.Rx_Line_Number);
-    EXPECT_EQ(0.75f, copy.txI);
+    EXPECT_EQ(S_OK, info->RecordInit(&source));
+    EXPECT_EQ(S_OK, info->RecordInit(&copy));
+    source.array_type = bstr_from(L"dipole-dipole").release();
+    source.Comments = bstr_from(L"repeat readings").release();
+    source.num_repeats = 4;
+    source.repeat_data = make_repeat_data();
+    EXPECT_EQ(S_OK, info->RecordCopy(&source, &copy));
+    EXPECT_NE(source.Comments, copy.Comments) << "the copy has its own strings";
+    EXPECT_EQ(L"repeat readings", text_of(copy.Comments)) << "the string after the array";
     EXPECT_EQ(4, copy.num_repeats);
-
-    auto expect_repeat_data = [](SAFEARRAY* array, const char* which) {
-        ASSERT_TRUE(array) << which;
-        EXPECT_EQ(1u, SafeArrayGetDim(array)) << which;
-        VARTYPE type = VT_EMPTY;
-        EXPECT_EQ(S_OK, SafeArrayGetVartype(array, &type)) << which;
-        EXPECT_EQ(VT_R4, type) << which;
-        LONG lower = 0, upper = 0;
-        SafeArrayGetLBound(array, 1, &lower);
-        SafeArrayGetUBound(array, 1, &upper);
-        EXPECT_EQ(repeat_first_index, lower) << which;
-        EXPECT_EQ(repeat_first_index + static_cast<LONG>(std::size(repeat_values)) - 1, upper) << which;
-        for (LONG i = 0; i < static_cast<LONG>(std::size(repeat_values)); ++i) {
-            LONG index = repeat_first_index + i;
-            float value = 0;
-            EXPECT_EQ(S_OK, SafeArrayGetElement(array, &index, &value)) << which << " element " << index;
-            EXPECT_EQ(repeat_values[i], value) << which << " element " << index;
-        }
-    };
     EXPECT_NE(source.repeat_data, copy.repeat_data) << "the copy has its own repeat array";
-    expect_repeat_data(copy.repeat_data, "the copy's repeat array");
-
-    ASSERT_EQ(S_OK, info->RecordClear(&source));
+    EXPECT_EQ(repeat_values, repeat_values_of(copy.repeat_data)) << "the copy's repeat array";
+    EXPECT_EQ(S_OK, info->RecordClear(&source));
     EXPECT_EQ(nullptr, source.repeat_data);
-    for (const string_field& s : strings) {
-        EXPECT_EQ(nullptr, source.*s.member) << s.name << " cleared in the source";
-        EXPECT_EQ(s.text, text_of(copy.*s.member)) << s.name << " survives in the copy";
-    }
-    expect_repeat_data(copy.repeat_data, "the copy's repeat array after the source is cleared");
-
-    ASSERT_EQ(S_OK, info->RecordClear(&copy));
+    EXPECT_EQ(repeat_values, repeat_values_of(copy.repeat_data)) << "after the source is cleared";
+    EXPECT_EQ(S_OK, info->RecordClear(&copy));
     EXPECT_EQ(nullptr, copy.repeat_data);
-    for (const string_field& s : strings) EXPECT_EQ(nullptr, copy.*s.member) << s.name;
     release_reading(source);
     release_reading(copy);
+    return reads_arrays;
 }
 
 // Every string of a posting source, by offset: its file definition's, its
@@ -380,97 +294,51 @@ std::vector<ULONG> posting_source_strings() {
     for (ULONG i = 0; i < 129; ++i) offsets.push_back(564 + 4 * i);   // namuse
     for (ULONG i = 0; i < 17; ++i) offsets.push_back(5988 + 4 * i);   // macro_name
     for (ULONG i = 0; i < 17; ++i) offsets.push_back(6056 + 4 * i);   // macro_text
-    for (ULONG offset : {6164, 6168, 6240, 6244, 6248, 6272, 6308, 6312, 6316, 29040}) {
-        offsets.push_back(offset);
-    }
-    const ULONG field_strings[] = {0, 8, 84, 96, 108, 116, 120, 128, 132, 136, 140};
+    for (ULONG offset : {6164, 6168, 6240, 6244, 6248, 6272, 6308, 6312, 6316, 29040}) offsets.push_back(offset);
     for (ULONG k = 0; k < 129; ++k) {
-        for (ULONG offset : field_strings) offsets.push_back(6324 + 176 * k + offset);
+        for (ULONG offset : {0, 8, 84, 96, 108, 116, 120, 128, 132, 136, 140}) offsets.push_back(6324 + 176 * k + offset);
     }
     offsets.push_back(29048);      // transform_datum.datum_name
     offsets.push_back(29364 + 4);  // transform_coord.Name
     return offsets;
 }
 
-TEST(RecordInfo, CopyAndClearOfAPostingSourceReachNestedRecords) {
-    com_ptr<IRecordInfo> info = record_info(GUID_Veltrax_posting_source);
-    ASSERT_TRUE(info);
+bool posting_source_with_nested_records(IRecordInfo* info) {
     const std::vector<ULONG> strings = posting_source_strings();
-    ASSERT_EQ(3u + 2 * 129 + 2 * 17 + 10 + 129 * 11 + 2, strings.size());
+    EXPECT_EQ(3u + 2 * 129 + 2 * 17 + 10 + 129 * 11 + 2, strings.size());
+    return copy_and_clear(info, sizeof(Veltrax_posting_source), strings, "posting source", [](record_bytes record) {
+        Veltrax_posting_source& s = *reinterpret_cast<Veltrax_posting_source*>(record);
+        s.FileDef.doscale[128] = VARIANT_TRUE;
+        reinterpret_cast<LONG*>(&s.FileDef.datind)[6 * 129 - 1] = 774;
+        s.posting_field[128].StyleInfo[16] = 2.5f;
+        s.transform_datum.datum_parameters[31] = 9.75;
+        s.point_transform.zscale = 3.0;
+    });
+}
 
-    auto source_record = std::make_unique<Veltrax_posting_source>();
-    auto copy_record = std::make_unique<Veltrax_posting_source>();
-    ASSERT_EQ(S_OK, info->RecordInit(source_record.get()));
-    ASSERT_EQ(S_OK, info->RecordInit(copy_record.get()));
-    auto* source = reinterpret_cast<unsigned char*>(source_record.get());
-    auto* copy = reinterpret_cast<unsigned char*>(copy_record.get());
-    auto string_in = [](unsigned char* record, ULONG offset) -> BSTR& {
-        return *reinterpret_cast<BSTR*>(record + offset);
+// Wine 8.0 falls short of Windows here. GetField reads no array fields;
+// RecordClear and RecordCopy pass the address of a dynamic-array field, not
+// the array, to SafeArrayDestroy and SafeArrayCopy, and skip fixed-array and
+// nested-record fields altogether. A case that meets one of these stops
+// there, and the test is skipped naming it.
+TEST(RecordInfo, ArrayAndNestedRecordFieldsThroughCopyAndClear) {
+    struct platform_case {
+        const char* name;
+        const GUID* type;
+        bool (*run)(IRecordInfo*);  // false: Wine fell short
     };
-    auto expected_text = [](ULONG offset) { return L"s" + std::to_wstring(offset); };
-    for (ULONG offset : strings) string_in(source, offset) = bstr_from(expected_text(offset)).release();
-
-    Veltrax_posting_source& s = *source_record;
-    s.FileDef.numfld = 129;
-    s.FileDef.doscale[128] = VARIANT_TRUE;
-    reinterpret_cast<LONG*>(&s.FileDef.datind)[6 * 129 - 1] = 774;
-    s.numz = 7;
-    s.posting_field[128].StyleInfo[16] = 2.5f;
-    s.posting_field[128].ip_topo_ygcol = 33;
-    s.transform_datum.datum_parameters[31] = 9.75;
-    s.transform_coord.zone_width = 6.0;
-    s.point_transform.zscale = 3.0;
-
-    // Frees what the platform left, never twice.
-    auto release_leftovers = [&] {
-        for (ULONG offset : strings) {
-            BSTR& mine = string_in(source, offset);
-            BSTR& theirs = string_in(copy, offset);
-            if (theirs && theirs != mine) SysFreeString(theirs);
-            SysFreeString(mine);
-            mine = theirs = nullptr;
-        }
+    const platform_case cases[] = {
+        {"a reading's repeat array", &GUID_IPDataRecord, reading_with_repeat_array},
+        {"a posting source's fixed arrays and nested records", &GUID_Veltrax_posting_source,
+         posting_source_with_nested_records},
     };
-
-    ASSERT_EQ(S_OK, info->RecordCopy(source, copy));
-    if (on_wine() && !copy_record->FileDef.file_name) {
-        release_leftovers();
-        GTEST_SKIP() << "platform limitation: Wine's RecordCopy and RecordClear skip fixed-array "
-                        "and nested-record fields";
+    std::string limited;
+    for (const platform_case& c : cases) {
+        com_ptr<IRecordInfo> info = record_info(*c.type);
+        ASSERT_TRUE(info) << c.name;
+        if (!c.run(info.get())) limited += std::string(limited.empty() ? "" : "; ") + c.name;
     }
-
-    size_t shared = 0, wrong_text = 0;
-    for (ULONG offset : strings) {
-        shared += string_in(copy, offset) == string_in(source, offset);
-        wrong_text += text_of(string_in(copy, offset)) != expected_text(offset);
-    }
-    EXPECT_EQ(0u, shared) << "strings the copy shares with its source";
-    EXPECT_EQ(0u, wrong_text) << "strings the copy does not hold";
-    const Veltrax_posting_source& c = *copy_record;
-    EXPECT_EQ(129, c.FileDef.numfld);
-    EXPECT_EQ(VARIANT_TRUE, c.FileDef.doscale[128]);
-    EXPECT_EQ(774, reinterpret_cast<const LONG*>(&c.FileDef.datind)[6 * 129 - 1]);
-    EXPECT_EQ(7, c.numz);
-    EXPECT_EQ(2.5f, c.posting_field[128].StyleInfo[16]);
-    EXPECT_EQ(33, c.posting_field[128].ip_topo_ygcol);
-    EXPECT_EQ(9.75, c.transform_datum.datum_parameters[31]);
-    EXPECT_EQ(6.0, c.transform_coord.zone_width);
-    EXPECT_EQ(3.0, c.point_transform.zscale);
-
-    ASSERT_EQ(S_OK, info->RecordClear(source));
-    size_t left_in_source = 0, lost_from_copy = 0;
-    for (ULONG offset : strings) {
-        left_in_source += string_in(source, offset) != nullptr;
-        lost_from_copy += text_of(string_in(copy, offset)) != expected_text(offset);
-    }
-    EXPECT_EQ(0u, left_in_source) << "strings clearing left in the source";
-    EXPECT_EQ(0u, lost_from_copy) << "strings of the copy that clearing the source took";
-
-    ASSERT_EQ(S_OK, info->RecordClear(copy));
-    size_t left_in_copy = 0;
-    for (ULONG offset : strings) left_in_copy += string_in(copy, offset) != nullptr;
-    EXPECT_EQ(0u, left_in_copy) << "strings clearing left in the copy";
-    release_leftovers();
+    if (!limited.empty()) GTEST_SKIP() << "platform limitation on Wine: " << limited;
 }
 
 }  // namespace

@@ -151,13 +151,19 @@ private:
     com_ptr<_clsEasyRegistry> object_;
 };
 
+// The upper bound of a one-dimensional array of type from 0; -2 otherwise.
+LONG upper_bound(const VARIANT& array, VARTYPE type) {
+    LONG lower = 1, upper = -2;
+    if (V_VT(&array) != (VT_ARRAY | type) || SafeArrayGetDim(V_ARRAY(&array)) != 1) return -2;
+    SafeArrayGetLBound(V_ARRAY(&array), 1, &lower);
+    SafeArrayGetUBound(V_ARRAY(&array), 1, &upper);
+    return lower == 0 ? upper : -2;
+}
+
 std::vector<std::wstring> strings_of(const VARIANT& list) {
     std::vector<std::wstring> texts;
-    if (V_VT(&list) != (VT_ARRAY | VT_BSTR) || SafeArrayGetDim(V_ARRAY(&list)) != 1) return {L"<not a string array>"};
-    LONG lower = 1, upper = 0;
-    SafeArrayGetLBound(V_ARRAY(&list), 1, &lower);
-    SafeArrayGetUBound(V_ARRAY(&list), 1, &upper);
-    if (lower != 0) return {L"<lower bound not 0>"};
+    const LONG upper = upper_bound(list, VT_BSTR);
+    if (upper == -2) return {L"<not a string array from 0>"};
     for (LONG i = 0; i <= upper; ++i) {
         BSTR text = nullptr;
         SafeArrayGetElement(V_ARRAY(&list), &i, &text);
@@ -168,11 +174,8 @@ std::vector<std::wstring> strings_of(const VARIANT& list) {
 }
 
 std::optional<bytes> bytes_of(const VARIANT& value) {
-    if (V_VT(&value) != (VT_ARRAY | VT_UI1) || SafeArrayGetDim(V_ARRAY(&value)) != 1) return std::nullopt;
-    LONG lower = 1, upper = 0;
-    SafeArrayGetLBound(V_ARRAY(&value), 1, &lower);
-    SafeArrayGetUBound(V_ARRAY(&value), 1, &upper);
-    if (lower != 0) return std::nullopt;
+    const LONG upper = upper_bound(value, VT_UI1);
+    if (upper == -2) return std::nullopt;
     const auto* data = static_cast<const unsigned char*>(V_ARRAY(&value)->pvData);
     return bytes(data, data + (upper + 1));
 }
@@ -205,26 +208,11 @@ std::map<std::wstring, std::pair<std::wstring, std::wstring>> rows_of(const VARI
     return rows;
 }
 
-VARIANT text_value(const wchar_t* text) {
-    VARIANT v;
-    V_VT(&v) = VT_BSTR;
-    V_BSTR(&v) = SysAllocString(text);
-    return v;
-}
-
-VARIANT double_value(double number) {
-    VARIANT v;
-    V_VT(&v) = VT_R8;
-    V_R8(&v) = number;
-    return v;
-}
-
-VARIANT long_value(LONG number) {
-    VARIANT v;
-    V_VT(&v) = VT_I4;
-    V_I4(&v) = number;
-    return v;
-}
+// clang-format off
+VARIANT text_value(const wchar_t* text) { VARIANT v; V_VT(&v) = VT_BSTR; V_BSTR(&v) = SysAllocString(text); return v; }
+VARIANT double_value(double number) { VARIANT v; V_VT(&v) = VT_R8; V_R8(&v) = number; return v; }
+VARIANT long_value(LONG number) { VARIANT v; V_VT(&v) = VT_I4; V_I4(&v) = number; return v; }
+// clang-format on
 
 VARIANT byte_array(const bytes& data, LONG lower = 0, ULONG second_dimension = 0) {
     SAFEARRAYBOUND bounds[2] = {{static_cast<ULONG>(data.size()), lower}, {second_dimension, 0}};
@@ -242,8 +230,6 @@ VARIANT variant_array() {
     V_ARRAY(&v) = SafeArrayCreateVector(VT_VARIANT, 0, 3);
     return v;
 }
-
-// ---- Navigation -----------------------------------------------------------------
 
 TEST(EasyRegistryNavigation, PathsResolveAsStated) {
     struct step {
@@ -322,8 +308,6 @@ TEST(EasyRegistryNavigation, DirKeyListsRootsThenSubkeysInThePlatformsOrder) {
     EXPECT_EQ(failure, reg.dir_key(list)) << "the named key does not open";
     EXPECT_EQ(VT_I4, V_VT(list.get())) << "DirList is left alone";
 }
-
-// ---- Keys -----------------------------------------------------------------------------
 
 TEST(EasyRegistryKeys, MakeKeyAndDeleteKeyActBelowTheCurrentKey) {
     scratch_key scratch;
@@ -425,8 +409,6 @@ TEST(EasyRegistryKeys, AFailedOpenWritesNowhereElse) {
         }
     }
 }
-
-// ---- Values ------------------------------------------------------------------------------
 
 TEST(EasyRegistryValues, WritesStoreWhatTheKindAccepts) {
     struct write_case {
@@ -638,8 +620,6 @@ TEST(EasyRegistryValues, ListingFailsForDataOrNamesOverTheBuffers) {
                         reg.read(L"text"));
     EXPECT_EQ(failure, text.status) << "reading 1,201 bytes of text";
 }
-
-// ---- Lifetime ------------------------------------------------------------------------------
 
 TEST(EasyRegistryLifetime, NothingStaysOpenAfterManyCallsAndReleases) {
     scratch_key scratch;

@@ -1,16 +1,13 @@
-// A dispatch fuzzer: every member of every class in the class table, called
-// through IDispatch::Invoke with random argument counts, types, ByRef
-// variables, arrays, objects, handles and named arguments, and
-// GetIDsOfNames with odd names. A call may succeed or fail in order (a
-// DISP_E_* refusal of a malformed call, or DISP_E_EXCEPTION with a source,
-// a description and a failure code); anything else, a crash, or memory, GDI
-// objects or registry keys left behind fails the run.
-//
-// A fixed seed and call count by default; `--seed N --seconds S` runs longer.
-// The calls keep to what a client may do: sort ranges stay short, the
-// clipboard box is never asked for, the registry class works only under a
-// scratch key of its own, sizes stay small, and only bitmaps made here (or
-// values that GDI rejects) are handed over as bitmaps.
+// A dispatch fuzzer: every member of every class in the class table through
+// IDispatch::Invoke with random arguments, and GetIDsOfNames with odd names.
+// A call may succeed or fail in order (a DISP_E_* refusal, or
+// DISP_E_EXCEPTION with a source, a description and a failure code);
+// anything else, a crash, or memory, GDI objects or registry keys left
+// behind fails the run. A fixed seed and call count by default;
+// `--seed N --seconds S` runs longer. The calls keep to what a client may do:
+// short sort ranges, no clipboard box, the registry class only under a
+// scratch key, small sizes, and only bitmaps made here (or values that GDI
+// rejects) handed over as bitmaps.
 #include "frame/class_table.h"
 #include "support/box_dismisser.h"
 #include "support/component.h"
@@ -54,6 +51,7 @@ public:
     unsigned below(unsigned n) { return n ? std::uniform_int_distribution<unsigned>(0, n - 1)(engine_) : 0; }
     bool chance(double p) { return std::uniform_real_distribution<double>(0, 1)(engine_) < p; }
     std::uint32_t bits() { return static_cast<std::uint32_t>(engine_()); }
+    std::uint64_t wide() { return (static_cast<std::uint64_t>(bits()) << 32) | bits(); }
     template <class T>
     const T& pick(const std::vector<T>& from) { return from[below(static_cast<unsigned>(from.size()))]; }
 
@@ -74,11 +72,11 @@ std::wstring upper(std::wstring text) {
 
 std::wstring trimmed(const std::wstring& text) {
     const size_t first = text.find_first_not_of(L' ');
-    if (first == std::wstring::npos) return L"";
-    return text.substr(first, text.find_last_not_of(L' ') - first + 1);
+    return first == std::wstring::npos ? L"" : text.substr(first, text.find_last_not_of(L' ') - first + 1);
 }
 
-// ---- What the fuzzer owns -------------------------------------------------------------------
+LONG handle_value(HGDIOBJ handle) { return static_cast<LONG>(reinterpret_cast<LONG_PTR>(handle)); }
+HGDIOBJ gdi_handle(LONG value) { return reinterpret_cast<HGDIOBJ>(static_cast<LONG_PTR>(value)); }
 
 // Bitmaps, pictures and a DC that the fuzzer makes and deletes; objects of
 // every class to pass where objects go.
@@ -100,21 +98,18 @@ struct fixtures {
         dc = CreateCompatibleDC(nullptr);
         dc_bitmap = CreateBitmap(64, 64, 1, 32, nullptr);
         dc_saved = SelectObject(dc, dc_bitmap);
-        // Pictures that do not own their bitmaps: the fuzzer deletes those.
-        for (HBITMAP b : bitmaps) {
-            PICTDESC description = {sizeof description, PICTYPE_BITMAP};
-            description.bmp.hbitmap = b;
+        // Pictures that do not own their bitmaps (the fuzzer deletes those),
+        // and one of no picture.
+        for (std::size_t i = 0; i <= bitmaps.size(); ++i) {
+            PICTDESC description = {sizeof description, PICTYPE_NONE};
+            if (i < bitmaps.size()) description.picType = PICTYPE_BITMAP, description.bmp.hbitmap = bitmaps[i];
             com_ptr<IDispatch> picture;
             if (OleCreatePictureIndirect(&description, IID_IDispatch, FALSE, picture.put_void()) == S_OK)
                 pictures.push_back(picture);
         }
-        PICTDESC none = {sizeof none, PICTYPE_NONE};
-        com_ptr<IDispatch> empty;
-        if (OleCreatePictureIndirect(&none, IID_IDispatch, FALSE, empty.put_void()) == S_OK) pictures.push_back(empty);
-        for (const class_entry& entry : class_table())
-            objects.push_back(create<IDispatch>(*entry.clsid, IID_IDispatch));
-        handles.push_back(static_cast<LONG>(reinterpret_cast<LONG_PTR>(dc)));
-        for (HBITMAP b : bitmaps) handles.push_back(static_cast<LONG>(reinterpret_cast<LONG_PTR>(b)));
+        for (const class_entry& entry : class_table()) objects.push_back(create<IDispatch>(*entry.clsid, IID_IDispatch));
+        handles.push_back(handle_value(dc));
+        for (HBITMAP b : bitmaps) handles.push_back(handle_value(b));
     }
 
     void release() {
@@ -128,9 +123,7 @@ struct fixtures {
     }
 
     bool is_fuzzer_bitmap(LONG value) const {
-        for (HBITMAP b : bitmaps)
-            if (static_cast<LONG>(reinterpret_cast<LONG_PTR>(b)) == value) return true;
-        return false;
+        return std::any_of(bitmaps.begin(), bitmaps.end(), [&](HBITMAP b) { return handle_value(b) == value; });
     }
 };
 
@@ -138,11 +131,9 @@ struct fixtures {
 LONG garbage_handle(random_source& random) {
     for (;;) {
         const LONG value = static_cast<LONG>(random.chance(0.5) ? random.bits() : (random.bits() & 0x00FFFFFF));
-        if (value != 0 && GetObjectType(reinterpret_cast<HGDIOBJ>(static_cast<LONG_PTR>(value))) == 0) return value;
+        if (value != 0 && GetObjectType(gdi_handle(value)) == 0) return value;
     }
 }
-
-// ---- Arguments ------------------------------------------------------------------------------
 
 // Storage that the arguments of one call point into; cleared after it.
 struct call_storage {
@@ -190,11 +181,9 @@ public:
     }
 
     std::wstring text() {
-        switch (texts) {
-        case text_kind::registry_path: return registry_path();
-        case text_kind::registry_name: return registry_name();
-        default: return any_text();
-        }
+        return texts == text_kind::registry_path   ? registry_path()
+               : texts == text_kind::registry_name ? registry_name()
+                                                   : any_text();
     }
 
     // Text of odd lengths and contents, lone surrogates and NULs among them.
@@ -231,18 +220,16 @@ public:
     }
 
     std::wstring registry_path() {
-        std::wstring scratch = scratch_path;
+        const std::wstring scratch = scratch_path;
+        static const std::vector<std::wstring> elsewhere = {L"\\HKLM\\SOFTWARE", L"\\HKEY_NOPE\\k1", L"\\\\",
+                                                            L"", L"   ", L"\\HKEY_CURRENT_USER_\\k1"};
         switch (random_.below(9)) {
         case 0: return scratch;
         case 1: return L"  " + upper(scratch) + L"\\ ";
         case 2: return scratch + L"\\" + registry_name();
         case 3: return L"..";
         case 4: return L"\\";
-        case 5: {
-            static const std::vector<std::wstring> elsewhere = {L"\\HKLM\\SOFTWARE", L"\\HKEY_NOPE\\k1", L"\\\\",
-                                                                L"", L"   ", L"\\HKEY_CURRENT_USER_\\k1"};
-            return random_.pick(elsewhere);
-        }
+        case 5: return random_.pick(elsewhere);
         case 6: return L"hkey_current_user\\software\\VXTYPES32 FUZZ";
         default: return registry_name();
         }
@@ -256,10 +243,9 @@ public:
 
     IDispatch* object() {
         if (random_.chance(0.15)) return nullptr;
-        IDispatch* o = random_.chance(0.4) && !owned_.pictures.empty() ? random_.pick(owned_.pictures).get()
-                                                                         : random_.pick(owned_.objects).get();
-        if (o) o->AddRef();
-        return o;
+        return com_ptr<IDispatch>(random_.chance(0.4) && !owned_.pictures.empty() ? random_.pick(owned_.pictures)
+                                                                                  : random_.pick(owned_.objects))
+            .detach();
     }
 
     SAFEARRAY* array() {
@@ -287,13 +273,8 @@ public:
             case VT_BSTR: static_cast<BSTR*>(data)[i] = bstr(); break;
             case VT_VARIANT: {
                 VARIANT& v = static_cast<VARIANT*>(data)[i];
-                if (random_.chance(0.5)) {
-                    V_VT(&v) = VT_I4;
-                    V_I4(&v) = integer();
-                } else {
-                    V_VT(&v) = VT_BSTR;
-                    V_BSTR(&v) = bstr();
-                }
+                if (random_.chance(0.5)) V_VT(&v) = VT_I4, V_I4(&v) = integer();
+                else V_VT(&v) = VT_BSTR, V_BSTR(&v) = bstr();
                 break;
             }
             }
@@ -317,25 +298,22 @@ public:
         case 10: V_VT(&v) = VT_BOOL; V_BOOL(&v) = random_.pick(std::vector<VARIANT_BOOL>{0, -1, 1, 0x7FFF}); break;
         case 11: case 12: V_VT(&v) = VT_BSTR; V_BSTR(&v) = bstr(); break;
         case 13: V_VT(&v) = VT_DATE; V_DATE(&v) = real(); break;
-        case 14: V_VT(&v) = VT_CY; V_CY(&v).int64 = (static_cast<LONGLONG>(random_.bits()) << 32) | random_.bits(); break;
+        case 14: V_VT(&v) = VT_CY; V_CY(&v).int64 = static_cast<LONGLONG>(random_.wide()); break;
         case 15: {
             static const VARTYPE small[] = {VT_UI1, VT_I1, VT_UI2, VT_UI4, VT_INT, VT_UINT, VT_I8, VT_UI8};
             V_VT(&v) = small[random_.below(8)];
-            V_UI8(&v) = (static_cast<ULONGLONG>(random_.bits()) << 32) | random_.bits();
+            V_UI8(&v) = random_.wide();
             break;
         }
-        case 16: V_VT(&v) = VT_DECIMAL; VarDecFromR8(random_.chance(0.5) ? 1e20 : -2.5, &V_DECIMAL(&v)); V_VT(&v) = VT_DECIMAL; break;
+        case 16: VarDecFromR8(random_.chance(0.5) ? 1e20 : -2.5, &V_DECIMAL(&v)); V_VT(&v) = VT_DECIMAL; break;
         case 17: case 18: V_VT(&v) = VT_DISPATCH; V_DISPATCH(&v) = object(); break;
         case 19: V_VT(&v) = VT_UNKNOWN; V_UNKNOWN(&v) = object(); break;
         case 20: {
-            SAFEARRAY* a = depth < 2 ? array() : nullptr;
             // An array that was never dimensioned travels as a null pointer.
-            V_VT(&v) = static_cast<VARTYPE>(VT_ARRAY | (a ? a->cbElements == sizeof(VARIANT) ? VT_VARIANT : VT_I4 : VT_UI1));
-            if (a) {
-                VARTYPE element = VT_EMPTY;
-                SafeArrayGetVartype(a, &element);
-                V_VT(&v) = static_cast<VARTYPE>(VT_ARRAY | element);
-            }
+            SAFEARRAY* a = depth < 2 ? array() : nullptr;
+            VARTYPE element = VT_UI1;
+            if (a) SafeArrayGetVartype(a, &element);
+            V_VT(&v) = static_cast<VARTYPE>(VT_ARRAY | element);
             V_ARRAY(&v) = a;
             break;
         }
@@ -368,21 +346,14 @@ public:
             return;
         }
         }
-        if (V_VT(variable) & VT_ARRAY) {
-            V_VT(&slot) = static_cast<VARTYPE>(VT_BYREF | V_VT(variable));
-            V_ARRAYREF(&slot) = &V_ARRAY(variable);
-            return;
-        }
         V_VT(&slot) = static_cast<VARTYPE>(VT_BYREF | V_VT(variable));
-        V_BYREF(&slot) = &V_UI1(variable);
+        V_BYREF(&slot) = &V_UI1(variable);  // the value's storage, whatever its type
     }
 
 private:
     random_source& random_;
     fixtures& owned_;
 };
-
-// ---- Reading arguments the way the dispatcher will ------------------------------------------
 
 // A short account of an argument, for the trace and for messages.
 std::string describe(const VARIANT& v) {
@@ -402,57 +373,35 @@ std::string describe(const VARIANT& v) {
     return out;
 }
 
+// An argument read the way the dispatcher will read it.
+template <VARTYPE type, class Value>
+std::optional<Value> read_as(VARIANT* slot, Value (*get)(const VARIANT&)) {
+    if (!slot) return std::nullopt;
+    unique_variant plain, converted;
+    if (FAILED(VariantCopyInd(plain.get(), slot)) || FAILED(VariantChangeType(converted.get(), plain.get(), 0, type)))
+        return std::nullopt;
+    return get(*converted.get());
+}
 std::optional<LONG> as_long(VARIANT* slot) {
-    if (!slot) return std::nullopt;
-    VARIANT plain, number;
-    VariantInit(&plain);
-    VariantInit(&number);
-    std::optional<LONG> out;
-    if (SUCCEEDED(VariantCopyInd(&plain, slot)) && SUCCEEDED(VariantChangeType(&number, &plain, 0, VT_I4)))
-        out = V_I4(&number);
-    VariantClear(&plain);
-    VariantClear(&number);
-    return out;
+    return read_as<VT_I4, LONG>(slot, [](const VARIANT& v) { return V_I4(&v); });
 }
-
 std::optional<LONG> as_boolean(VARIANT* slot) {
-    if (!slot) return std::nullopt;
-    VARIANT plain, flag;
-    VariantInit(&plain);
-    VariantInit(&flag);
-    std::optional<LONG> out;
-    if (SUCCEEDED(VariantCopyInd(&plain, slot)) && SUCCEEDED(VariantChangeType(&flag, &plain, 0, VT_BOOL)))
-        out = V_BOOL(&flag);
-    VariantClear(&plain);
-    VariantClear(&flag);
-    return out;
+    return read_as<VT_BOOL, LONG>(slot, [](const VARIANT& v) -> LONG { return V_BOOL(&v); });
 }
-
 std::optional<std::wstring> as_text(VARIANT* slot) {
-    if (!slot) return std::nullopt;
-    VARIANT plain, text;
-    VariantInit(&plain);
-    VariantInit(&text);
-    std::optional<std::wstring> out;
-    if (SUCCEEDED(VariantCopyInd(&plain, slot)) && SUCCEEDED(VariantChangeType(&text, &plain, 0, VT_BSTR)))
-        out = text_of(V_BSTR(&text));
-    VariantClear(&plain);
-    VariantClear(&text);
-    return out;
+    return read_as<VT_BSTR, std::wstring>(slot, [](const VARIANT& v) { return text_of(V_BSTR(&v)); });
 }
 
 bool is_missing(VARIANT* slot) { return !slot || (V_VT(slot) == VT_ERROR && V_ERROR(slot) == DISP_E_PARAMNOTFOUND); }
 
 void set_long(VARIANT* slot, LONG value) {
     VariantClear(slot);
-    V_VT(slot) = VT_I4;
-    V_I4(slot) = value;
+    V_VT(slot) = VT_I4, V_I4(slot) = value;
 }
 
 void set_text(VARIANT* slot, const std::wstring& value) {
     VariantClear(slot);
-    V_VT(slot) = VT_BSTR;
-    V_BSTR(slot) = SysAllocStringLen(value.data(), static_cast<UINT>(value.size()));
+    V_VT(slot) = VT_BSTR, V_BSTR(slot) = SysAllocStringLen(value.data(), static_cast<UINT>(value.size()));
 }
 
 // Whether a 24-bit section of this size fails its size arithmetic, which
@@ -466,8 +415,6 @@ bool size_overflows(LONG width, LONG height) {
 }
 
 bool small_size(LONG width, LONG height) { return std::labs(width) <= 256 && std::labs(height) <= 256; }
-
-// ---- The run --------------------------------------------------------------------------------
 
 struct class_figures {
     unsigned long calls = 0, succeeded = 0, refused = 0, raised = 0, names = 0;
@@ -671,23 +618,11 @@ private:
     }
 
     static bool orderly_refusal(HRESULT hr) {
-        switch (hr) {
-        case DISP_E_BADPARAMCOUNT:
-        case DISP_E_BADVARTYPE:
-        case DISP_E_MEMBERNOTFOUND:
-        case DISP_E_NONAMEDARGS:
-        case DISP_E_OVERFLOW:
-        case DISP_E_PARAMNOTFOUND:
-        case DISP_E_TYPEMISMATCH:
-        case DISP_E_PARAMNOTOPTIONAL:
-        case DISP_E_NOTACOLLECTION:
-        case DISP_E_UNKNOWNINTERFACE:
-        case DISP_E_UNKNOWNNAME:
-        case E_OUTOFMEMORY:
-            return true;
-        default:
-            return false;
-        }
+        static const HRESULT orderly[] = {DISP_E_BADPARAMCOUNT,   DISP_E_BADVARTYPE,       DISP_E_MEMBERNOTFOUND,
+                                          DISP_E_NONAMEDARGS,     DISP_E_OVERFLOW,         DISP_E_PARAMNOTFOUND,
+                                          DISP_E_TYPEMISMATCH,    DISP_E_PARAMNOTOPTIONAL, DISP_E_NOTACOLLECTION,
+                                          DISP_E_UNKNOWNINTERFACE, DISP_E_UNKNOWNNAME,     E_OUTOFMEMORY};
+        return std::find(std::begin(orderly), std::end(orderly), hr) != std::end(orderly);
     }
 
     void invoke(const class_entry& entry, IDispatch* object, class_figures& counts) {
@@ -881,35 +816,24 @@ private:
 
 void remove_scratch_key() { RegDeleteTreeW(HKEY_CURRENT_USER, scratch_subkey); }
 
-void empty_clipboard() {
-    if (OpenClipboard(nullptr)) {
-        EmptyClipboard();
-        CloseClipboard();
-    }
+bool empty_clipboard() {
+    if (!OpenClipboard(nullptr)) return false;
+    EmptyClipboard();
+    return CloseClipboard();
 }
 
+// Taken with the clipboard emptied, since CopyToClipboard leaves a bitmap there.
 struct resource_figures {
-    std::size_t heap = 0, private_usage = 0;
-    long gdi = 0;
-    DWORD keys = 0;
+    bool emptied = empty_clipboard();
+    std::size_t heap = heap_bytes_in_use(), private_usage = private_bytes();
+    long gdi = gdi_object_count();
+    DWORD keys = open_registry_keys();
 };
-
-resource_figures measure() {
-    empty_clipboard();
-    resource_figures f;
-    f.heap = heap_bytes_in_use();
-    f.private_usage = private_bytes();
-    f.gdi = gdi_object_count();
-    f.keys = open_registry_keys();
-    return f;
-}
 
 TEST(FuzzDispatch, EveryMemberAnswersInOrderAndLeavesNothingBehind) {
     remove_scratch_key();
-    HKEY scratch = nullptr;
     ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(HKEY_CURRENT_USER, scratch_subkey, 0, nullptr, 0, KEY_ALL_ACCESS,
-                                             nullptr, &scratch, nullptr));
-    RegCloseKey(scratch);
+                                             nullptr, unique_hkey().put(), nullptr));
 
     fixtures owned;
     owned.make();
@@ -927,23 +851,20 @@ TEST(FuzzDispatch, EveryMemberAnswersInOrderAndLeavesNothingBehind) {
         }
         EXPECT_EQ(0u, warm_up.failures.count) << "in the warm-up";
     }
-    const resource_figures before = measure();
+    const resource_figures before;
 
     fuzzer run(settings.seed, owned);
     const auto start = std::chrono::steady_clock::now();
     unsigned long rounds = 0;
-    for (;;) {
-        if (settings.seconds > 0) {
-            if (std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() >= settings.seconds)
-                break;
-        } else if (rounds >= settings.calls_per_class) {
-            break;
-        }
+    auto more = [&] {
+        return settings.seconds > 0
+                   ? std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() < settings.seconds
+                   : rounds < settings.calls_per_class;
+    };
+    for (; more(); ++rounds)
         for (const class_entry& entry : class_table()) run.call(entry);
-        ++rounds;
-    }
     run.release_all();
-    const resource_figures after = measure();
+    const resource_figures after;
 
     unsigned long total = 0;
     std::printf("fuzz_dispatch: seed %u, %lu rounds\n", settings.seed, rounds);
@@ -954,11 +875,10 @@ TEST(FuzzDispatch, EveryMemberAnswersInOrderAndLeavesNothingBehind) {
         total += c.calls + c.names;
     }
     std::printf("calls in all: %lu\n", total);
-    std::printf("heap bytes in use: %zu before, %zu after\n", before.heap, after.heap);
-    std::printf("private bytes: %zu before, %zu after\n", before.private_usage, after.private_usage);
-    std::printf("GDI objects: %ld before, %ld after\n", before.gdi, after.gdi);
-    std::printf("open registry keys: %lu before, %lu after\n", static_cast<unsigned long>(before.keys),
-                static_cast<unsigned long>(after.keys));
+    std::printf("before, after: heap bytes in use %zu, %zu; private bytes %zu, %zu; GDI objects %ld, %ld; "
+                "open registry keys %lu, %lu\n",
+                before.heap, after.heap, before.private_usage, after.private_usage, before.gdi, after.gdi,
+                static_cast<unsigned long>(before.keys), static_cast<unsigned long>(after.keys));
     std::fflush(stdout);
 
     EXPECT_EQ(0u, run.failures.count) << "calls that did not answer in order (the first 30 are listed)";

@@ -12,14 +12,32 @@
 #include <cstdio>
 #include <numeric>
 #include <random>
-#include <sstream>
 
 namespace vx::test {
 namespace {
 
-std::string narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
-
 const wchar_t* const scratch_path = L"Software\\vxTypes32 tests\\apartments";
+
+std::string narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
+std::wstring upper(std::wstring text) {
+    CharUpperBuffW(text.data(), static_cast<DWORD>(text.size()));
+    return text;
+}
+
+void create_keys(const std::wstring& under, const std::vector<std::wstring>& names) {
+    RegDeleteTreeW(HKEY_CURRENT_USER, scratch_path);
+    for (const std::wstring& name : names)
+        ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(HKEY_CURRENT_USER, (under + L"\\" + name).c_str(), 0, nullptr, 0,
+                                                 KEY_ALL_ACCESS, nullptr, unique_hkey().put(), nullptr));
+}
+
+// The user's logon name, as the platform gives it.
+std::wstring logon_name() {
+    wchar_t name[257] = {};
+    DWORD length = 257;
+    EXPECT_TRUE(GetUserNameW(name, &length));
+    return name;
+}
 
 class Apartments : public ::testing::Test {
 public:
@@ -63,19 +81,16 @@ made_elsewhere<Interface> make_in(apartment_thread& home, REFCLSID clsid, REFIID
     return made;
 }
 
-// ---- Every class through the marshaller ------------------------------------------------
-
 // A stub that fails its one call with error info set, as a member does: it
 // shows whether the platform's marshaller carries the error info back to
 // the calling apartment (Windows does; Wine 8.0 does not).
 class failing_stub final : public IDispatch {
 public:
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
-        *object = nullptr;
-        if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IDispatch)) return E_NOINTERFACE;
-        *object = static_cast<IDispatch*>(this);
-        AddRef();
-        return S_OK;
+        const bool known = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch);
+        *object = known ? static_cast<IDispatch*>(this) : nullptr;
+        if (known) AddRef();
+        return known ? S_OK : E_NOINTERFACE;
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return static_cast<ULONG>(InterlockedIncrement(&references_)); }
     ULONG STDMETHODCALLTYPE Release() override {
@@ -87,8 +102,7 @@ public:
         com_ptr<ICreateErrorInfo> made;
         if (SUCCEEDED(CreateErrorInfo(made.put()))) {
             made->SetSource(const_cast<LPOLESTR>(L"probe"));
-            com_ptr<IErrorInfo> info = made.query<IErrorInfo>(IID_IErrorInfo);
-            SetErrorInfo(0, info.get());
+            SetErrorInfo(0, made.query<IErrorInfo>(IID_IErrorInfo).get());
         }
         return E_FAIL;
     }
@@ -169,10 +183,10 @@ TEST_F(Apartments, ComplexNumbersAnswerAndRaiseAcrossApartments) {
         << "Init returns the object itself, one identity through the marshaller";
 
     real = 3, imaginary = 4;
-    com_ptr<_CComplexNumber> product;
+    com_ptr<_CComplexNumber> product, quotient;
+    unique_bstr text;
     ASSERT_EQ(S_OK, z.proxy->Multiply2(&real, &imaginary, product.put()));
     ASSERT_TRUE(product);
-    unique_bstr text;
     ASSERT_EQ(S_OK, product->Text(text.put()));
     EXPECT_EQ(L"-5+10i", text_of(text.get()));
     double part = 0;
@@ -184,7 +198,6 @@ TEST_F(Apartments, ComplexNumbersAnswerAndRaiseAcrossApartments) {
     // Divide2 by 0 + 0i raises the overflow error, through the vtable and
     // late-bound alike.
     real = 0, imaginary = 0;
-    com_ptr<_CComplexNumber> quotient;
     EXPECT_EQ(hex(automation_error_number(6)), hex(z.proxy->Divide2(&real, &imaginary, quotient.put())));
     EXPECT_FALSE(quotient);
     expect_error_info_where_carried("Divide2 through the vtable", L"CComplexNumber.Divide2", L"Overflow");
@@ -271,18 +284,16 @@ void fill(unsigned char* bits, long bytes, unsigned seed) {
 // first difference, or an empty string.
 std::string resample_differences(_cDIBSection* source, _cDIBSection* result, long source_width,
                                  long source_height, long width, long height) {
-    std::vector<unsigned char> expected(stride_for(width) * height);
+    const long stride = stride_for(width);
+    std::vector<unsigned char> expected(stride * height);
     resample_reference({bits_of(source), source_width, source_height, stride_for(source_width)}, expected.data(),
-                       width, height, stride_for(width));
+                       width, height, stride);
     const unsigned char* out = bits_of(result);
     if (!out) return "no pixel memory";
     for (long line = 0; line < height; ++line)
         for (long x = 0; x < width * 3; ++x)
-            if (expected[line * stride_for(width) + x] != out[line * stride_for(width) + x]) {
-                std::ostringstream where;
-                where << "scan line " << line << ", byte " << x;
-                return where.str();
-            }
+            if (expected[line * stride + x] != out[line * stride + x])
+                return "scan line " + std::to_string(line) + ", byte " + std::to_string(x);
     return {};
 }
 
@@ -292,20 +303,20 @@ TEST_F(Apartments, DibSectionsResampleAndBlitAcrossApartments) {
     made_elsewhere<_cDIBSection> copy = make_in<_cDIBSection>(home, CLSID_cDIBSection, IID__cDIBSection);
     ASSERT_TRUE(source.proxy && copy.proxy);
     VARIANT_BOOL made = VARIANT_FALSE;
+    LONG value = 0, width = 0, height = 0;
     ASSERT_EQ(S_OK, source.proxy->Create(13, 7, &made));
     EXPECT_EQ(VARIANT_TRUE, made);
-    LONG value = 0;
     source.proxy->get_BytesPerScanLine(&value);
     EXPECT_EQ(40, value);
     fill(bits_of(source.proxy.get()), 40 * 7, 3);
 
-    com_ptr<_cDIBSection> larger;
+    com_ptr<_cDIBSection> larger, narrow_source;
     ASSERT_EQ(S_OK, source.proxy->Resample(11, 29, larger.put()));
     ASSERT_TRUE(larger) << "the new section comes back through the marshaller";
-    larger->get_Width(&value);
-    EXPECT_EQ(29, value);
-    larger->get_Height(&value);
-    EXPECT_EQ(11, value);
+    larger->get_Width(&width);
+    larger->get_Height(&height);
+    EXPECT_EQ(29, width);
+    EXPECT_EQ(11, height);
     EXPECT_EQ("", resample_differences(source.proxy.get(), larger.get(), 13, 7, 29, 11));
 
     // eRop is typed by the runtime's library: this call needs its marshaller.
@@ -318,7 +329,6 @@ TEST_F(Apartments, DibSectionsResampleAndBlitAcrossApartments) {
     for (long line = 0; line < 7; ++line)
         EXPECT_TRUE(std::equal(from + line * 40, from + line * 40 + 39, to + line * 40)) << "scan line " << line;
 
-    com_ptr<_cDIBSection> narrow_source;
     source.proxy->ClearUp();
     EXPECT_EQ(S_OK, source.proxy->Create(1, 5, &made));
     EXPECT_EQ(hex(automation_error_number(9)), hex(source.proxy->Resample(5, 5, narrow_source.put())))
@@ -326,12 +336,7 @@ TEST_F(Apartments, DibSectionsResampleAndBlitAcrossApartments) {
 }
 
 TEST_F(Apartments, EasyRegistryWorksFromAnotherApartment) {
-    RegDeleteTreeW(HKEY_CURRENT_USER, scratch_path);
-    for (const wchar_t* sub : {L"alpha", L"beta"}) {
-        unique_hkey key;
-        ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(HKEY_CURRENT_USER, (std::wstring(scratch_path) + L"\\" + sub).c_str(),
-                                                 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, key.put(), nullptr));
-    }
+    create_keys(scratch_path, {L"alpha", L"beta"});
     apartment_thread home;
     made_elsewhere<_clsEasyRegistry> reg = make_in<_clsEasyRegistry>(home, CLSID_clsEasyRegistry, IID__clsEasyRegistry);
     ASSERT_TRUE(reg.proxy);
@@ -348,26 +353,22 @@ TEST_F(Apartments, EasyRegistryWorksFromAnotherApartment) {
     EXPECT_EQ(0, status);
     ASSERT_EQ(VT_ARRAY | VT_BSTR, V_VT(list.get())) << "the list comes back through the marshaller";
     std::vector<std::wstring> names;
-    SAFEARRAY* array = V_ARRAY(list.get());
     LONG low = 0, high = -1;
-    SafeArrayGetLBound(array, 1, &low);
-    SafeArrayGetUBound(array, 1, &high);
+    SafeArrayGetLBound(V_ARRAY(list.get()), 1, &low);
+    SafeArrayGetUBound(V_ARRAY(list.get()), 1, &high);
     for (LONG i = low; i <= high; ++i) {
-        BSTR name = nullptr;
-        if (SafeArrayGetElement(array, &i, &name) == S_OK) names.push_back(text_of(name));
-        SysFreeString(name);
+        unique_bstr name;
+        if (SafeArrayGetElement(V_ARRAY(list.get()), &i, name.put()) == S_OK) names.push_back(upper(text_of(name.get())));
     }
-    for (auto& n : names) CharUpperBuffW(n.data(), static_cast<DWORD>(n.size()));
     std::sort(names.begin(), names.end());
     EXPECT_EQ((std::vector<std::wstring>{L"ALPHA", L"BETA"}), names);
 
     unique_bstr value_name = bstr_from(L"written");
     enmDataType kind = erSTRING;
-    VARIANT text;
-    V_VT(&text) = VT_BSTR;
-    V_BSTR(&text) = SysAllocString(L"from another apartment");
-    ASSERT_EQ(S_OK, reg.proxy->put_ValueOf(value_name.get(), &kind, &status, text));
-    VariantClear(&text);
+    unique_variant text;
+    V_VT(text.get()) = VT_BSTR;
+    V_BSTR(text.get()) = SysAllocString(L"from another apartment");
+    ASSERT_EQ(S_OK, reg.proxy->put_ValueOf(value_name.get(), &kind, &status, *text.get()));
     EXPECT_EQ(0, status);
     wchar_t stored[64] = {};
     DWORD bytes = sizeof stored - sizeof(wchar_t), type = 0;
@@ -426,16 +427,13 @@ TEST_F(Apartments, MaskedBitmapBuildsItsDCsFromTheCallersBitmap) {
 }
 
 TEST_F(Apartments, UserInfoAnswersAndKeepsItsEarlierIdentity) {
-    wchar_t expected[257] = {};
-    DWORD length = 257;
-    ASSERT_TRUE(GetUserNameW(expected, &length));
     apartment_thread home;
     made_elsewhere<_UserInfo> user = make_in<_UserInfo>(home, CLSID_UserInfo, IID__UserInfo);
     ASSERT_TRUE(user.proxy);
     unique_variant logon;
     ASSERT_EQ(S_OK, user.proxy->get_Logon(logon.get()));
     ASSERT_EQ(VT_BSTR, V_VT(logon.get()));
-    EXPECT_EQ(std::wstring(expected), text_of(V_BSTR(logon.get())));
+    EXPECT_EQ(logon_name(), text_of(V_BSTR(logon.get())));
 
     // The earlier IID reaches the same object. Wine 8.0's marshaller builds
     // its proxy from the alias in the library and gives it no members, so a
@@ -589,16 +587,10 @@ struct apartment_work {
 };
 
 TEST_F(Apartments, SeveralApartmentsAtOnceGetWhatOneApartmentGets) {
-    RegDeleteTreeW(HKEY_CURRENT_USER, scratch_path);
-    for (int i = 0; i < concurrent_apartments; ++i) {
-        unique_hkey key;
-        const std::wstring path = std::wstring(scratch_path) + L"\\thread " + std::to_wstring(i);
-        ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(HKEY_CURRENT_USER, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS,
-                                                 nullptr, key.put(), nullptr));
-    }
-    wchar_t logon[257] = {};
-    DWORD length = 257;
-    ASSERT_TRUE(GetUserNameW(logon, &length));
+    std::vector<std::wstring> keys;
+    for (int i = 0; i < concurrent_apartments; ++i) keys.push_back(L"thread " + std::to_wstring(i));
+    create_keys(scratch_path, keys);
+    const std::wstring logon = logon_name();
 
     // One number in a home apartment that every other apartment calls at once.
     com_ptr<IGlobalInterfaceTable> table;
