@@ -224,13 +224,6 @@ TEST(DualInterface, VtableAndLateBindingReachTheSameMember) {
         ASSERT_EQ(VT_BSTR, V_VT(result.get())) << call.how;
         EXPECT_EQ(logon, text_of(V_BSTR(result.get()))) << call.how;
     }
-
-    unique_variant computer;
-    ASSERT_EQ(S_OK, invoke_get(user.get(), 0x68030000, DISPATCH_PROPERTYGET, computer.get()));
-    unique_variant computer_vtable;
-    ASSERT_EQ(S_OK, user->get_ComputerName(computer_vtable.get()));
-    ASSERT_EQ(VT_BSTR, V_VT(computer.get()));
-    EXPECT_EQ(text_of(V_BSTR(computer_vtable.get())), text_of(V_BSTR(computer.get())));
 }
 
 TEST(DualInterface, PropertiesHaveNoPutForm) {
