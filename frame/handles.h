@@ -134,37 +134,41 @@ private:
     VARIANT value_;
 };
 
-// A registry key that this code opened.
-class unique_hkey {
+// A platform handle that this code owns, closed by Close on scope exit.
+template <class Handle, auto Close>
+class unique_handle {
 public:
-    unique_hkey() = default;
-    explicit unique_hkey(HKEY owned) : key_(owned) {}
-    unique_hkey(const unique_hkey&) = delete;
-    unique_hkey& operator=(const unique_hkey&) = delete;
-    unique_hkey(unique_hkey&& other) noexcept : key_(std::exchange(other.key_, nullptr)) {}
-    unique_hkey& operator=(unique_hkey&& other) noexcept {
+    unique_handle() = default;
+    explicit unique_handle(Handle owned) : handle_(owned) {}
+    unique_handle(const unique_handle&) = delete;
+    unique_handle& operator=(const unique_handle&) = delete;
+    unique_handle(unique_handle&& other) noexcept : handle_(std::exchange(other.handle_, nullptr)) {}
+    unique_handle& operator=(unique_handle&& other) noexcept {
         if (this != &other) {
             reset();
-            key_ = std::exchange(other.key_, nullptr);
+            handle_ = std::exchange(other.handle_, nullptr);
         }
         return *this;
     }
-    ~unique_hkey() { reset(); }
+    ~unique_handle() { reset(); }
 
     void reset() {
-        if (HKEY old = std::exchange(key_, nullptr)) RegCloseKey(old);
+        if (Handle old = std::exchange(handle_, nullptr)) Close(old);
     }
-    HKEY get() const { return key_; }
+    Handle get() const { return handle_; }
     // Gives the handle up, for a close whose result the caller checks.
-    HKEY release() { return std::exchange(key_, nullptr); }
-    HKEY* put() {
+    Handle release() { return std::exchange(handle_, nullptr); }
+    Handle* put() {
         reset();
-        return &key_;
+        return &handle_;
     }
-    explicit operator bool() const { return key_ != nullptr; }
+    explicit operator bool() const { return handle_ != nullptr; }
 
 private:
-    HKEY key_ = nullptr;
+    Handle handle_ = nullptr;
 };
+
+// A registry key that this code opened.
+using unique_hkey = unique_handle<HKEY, &RegCloseKey>;
 
 }  // namespace vx

@@ -3,68 +3,20 @@
 // DC for as long as one scope needs it.
 #pragma once
 
+#include "frame/handles.h"
+
 #include <windows.h>
 
 #include <utility>
 
 namespace vx {
 
-// A memory DC made by CreateCompatibleDC; DeleteDC on scope exit.
-class unique_hdc {
-public:
-    unique_hdc() = default;
-    explicit unique_hdc(HDC owned) : dc_(owned) {}
-    unique_hdc(const unique_hdc&) = delete;
-    unique_hdc& operator=(const unique_hdc&) = delete;
-    unique_hdc(unique_hdc&& other) noexcept : dc_(std::exchange(other.dc_, nullptr)) {}
-    unique_hdc& operator=(unique_hdc&& other) noexcept {
-        if (this != &other) {
-            reset();
-            dc_ = std::exchange(other.dc_, nullptr);
-        }
-        return *this;
-    }
-    ~unique_hdc() { reset(); }
+// A memory DC made by CreateCompatibleDC.
+using unique_hdc = unique_handle<HDC, &DeleteDC>;
 
-    void reset() {
-        if (HDC old = std::exchange(dc_, nullptr)) DeleteDC(old);
-    }
-    HDC get() const { return dc_; }
-    HDC release() { return std::exchange(dc_, nullptr); }
-    explicit operator bool() const { return dc_ != nullptr; }
-
-private:
-    HDC dc_ = nullptr;
-};
-
-// A bitmap, pen, brush...; DeleteObject on scope exit.
+// A bitmap, pen, brush...
 template <class Handle>
-class unique_gdi_object {
-public:
-    unique_gdi_object() = default;
-    explicit unique_gdi_object(Handle owned) : object_(owned) {}
-    unique_gdi_object(const unique_gdi_object&) = delete;
-    unique_gdi_object& operator=(const unique_gdi_object&) = delete;
-    unique_gdi_object(unique_gdi_object&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
-    unique_gdi_object& operator=(unique_gdi_object&& other) noexcept {
-        if (this != &other) {
-            reset();
-            object_ = std::exchange(other.object_, nullptr);
-        }
-        return *this;
-    }
-    ~unique_gdi_object() { reset(); }
-
-    void reset() {
-        if (Handle old = std::exchange(object_, nullptr)) DeleteObject(old);
-    }
-    Handle get() const { return object_; }
-    Handle release() { return std::exchange(object_, nullptr); }
-    explicit operator bool() const { return object_ != nullptr; }
-
-private:
-    Handle object_ = nullptr;
-};
+using unique_gdi_object = unique_handle<Handle, &DeleteObject>;
 using unique_hbitmap = unique_gdi_object<HBITMAP>;
 
 // A window's DC from GetDC; ReleaseDC on scope exit.
