@@ -19,7 +19,7 @@ set(VX_TYPES_HEADER ${VX_GENERATED_DIR}/vxTypes32_types.h)
 
 # The library's own description places the types; each subsystem describes
 # its own beside its code.
-set(VX_LIBRARY_DESCRIPTION ${PROJECT_SOURCE_DIR}/frame/vxTypes32.types)
+set(VX_LIBRARY_DESCRIPTION ${PROJECT_SOURCE_DIR}/component/vxTypes32.types)
 file(GLOB VX_TYPE_DESCRIPTIONS CONFIGURE_DEPENDS
      ${PROJECT_SOURCE_DIR}/records/*.types
      ${PROJECT_SOURCE_DIR}/complex/*.types

@@ -28,7 +28,8 @@ struct class_entry {
     bool answers_for(REFIID iid) const;
 };
 
-// The rows, in a fixed order.
+// The rows, in a fixed order. The frame only declares them: they are
+// defined where the classes are put together (component/class_table.cpp).
 const class_entry* class_table_begin();
 const class_entry* class_table_end();
 

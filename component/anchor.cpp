@@ -1,4 +1,4 @@
-#include "frame/anchor.h"
+#include "component/anchor.h"
 
 namespace vx {
 
