@@ -53,23 +53,23 @@ class trivial_section final : public vx::automation_object<_cDIBSection> {
 public:
     using automation_object::automation_object;
     HRESULT STDMETHODCALLTYPE CopyToClipboard(VARIANT_BOOL, VARIANT_BOOL*) override { return S_OK; }
-    HRESULT STDMETHODCALLTYPE CreateDIB(LONG, LONG, LONG, LONG*, VARIANT_BOOL*) override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE CreateDIB(LONG_PTR, LONG, LONG, LONG_PTR*, VARIANT_BOOL*) override { return S_OK; }
     HRESULT STDMETHODCALLTYPE CreateFromPicture(IPictureDisp**, VARIANT*) override { return S_OK; }
     HRESULT STDMETHODCALLTYPE Create(LONG, LONG, VARIANT_BOOL*) override { return S_OK; }
     HRESULT STDMETHODCALLTYPE get_BytesPerScanLine(LONG*) override { return S_OK; }
     HRESULT STDMETHODCALLTYPE get_Width(LONG*) override { return S_OK; }
     HRESULT STDMETHODCALLTYPE get_Height(LONG*) override { return S_OK; }
-    HRESULT STDMETHODCALLTYPE LoadPictureBlt(LONG dc, LONG left, LONG top, LONG width, LONG height,
+    HRESULT STDMETHODCALLTYPE LoadPictureBlt(LONG_PTR dc, LONG left, LONG top, LONG width, LONG height,
                                              RasterOpConstants rop) override {
         seen = dc + left + top + width + height + rop;
         return S_OK;
     }
-    HRESULT STDMETHODCALLTYPE PaintPicture(LONG, LONG, LONG, LONG, LONG, LONG, LONG, RasterOpConstants) override {
+    HRESULT STDMETHODCALLTYPE PaintPicture(LONG_PTR, LONG, LONG, LONG, LONG, LONG, LONG, RasterOpConstants) override {
         return S_OK;
     }
-    HRESULT STDMETHODCALLTYPE get_hdc(LONG*) override { return S_OK; }
-    HRESULT STDMETHODCALLTYPE get_hDib(LONG*) override { return S_OK; }
-    HRESULT STDMETHODCALLTYPE get_DIBSectionBitsPtr(LONG*) override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE get_hdc(LONG_PTR*) override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE get_hDib(LONG_PTR*) override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE get_DIBSectionBitsPtr(LONG_PTR*) override { return S_OK; }
     HRESULT STDMETHODCALLTYPE RandomiseBits(VARIANT_BOOL) override { return S_OK; }
     HRESULT STDMETHODCALLTYPE ClearUp() override { return S_OK; }
     HRESULT STDMETHODCALLTYPE Resample(LONG, LONG, _cDIBSection**) override { return S_OK; }

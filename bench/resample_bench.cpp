@@ -58,9 +58,9 @@ int main() {
         entry->create(*entry, IID__cDIBSection, source.put_void());
         VARIANT_BOOL made = VARIANT_FALSE;
         source->Create(c.source_width, c.source_height, &made);
-        LONG bits = 0;
+        LONG_PTR bits = 0;
         source->get_DIBSectionBitsPtr(&bits);
-        auto* source_bits = reinterpret_cast<unsigned char*>(static_cast<LONG_PTR>(bits));
+        auto* source_bits = reinterpret_cast<unsigned char*>(bits);
         const long source_stride = stride_for(c.source_width), stride = stride_for(c.width);
         for (long i = 0; i < source_stride * c.source_height; ++i) source_bits[i] = static_cast<unsigned char>(random());
 

@@ -32,7 +32,7 @@ set(_vx_tables ${VX_GENERATED_DIR}/typelib_tables.inc)
 add_custom_command(
     OUTPUT ${VX_TYPES_HEADER} ${_vx_tables} ${VX_IID_RC}
     COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/tools/gen_types.py
-            ${VX_GENERATED_DIR} ${VX_LIBRARY_DESCRIPTION} ${VX_TYPE_DESCRIPTIONS}
+            --platform ${VX_PLATFORM} ${VX_GENERATED_DIR} ${VX_LIBRARY_DESCRIPTION} ${VX_TYPE_DESCRIPTIONS}
     DEPENDS ${PROJECT_SOURCE_DIR}/tools/gen_types.py ${VX_LIBRARY_DESCRIPTION} ${VX_TYPE_DESCRIPTIONS}
     COMMENT "Generating type declarations from the .types descriptions"
     VERBATIM)

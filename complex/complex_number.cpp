@@ -9,8 +9,8 @@
 // The results depend on the x87's extended format for intermediates and on
 // its exception flags for the errors; the build compiles this file with
 // -mfpmath=387 and must not relax IEEE semantics.
-#if !defined(__i386__)
-#error "complex_number.cpp is written for the x87 of 32-bit x86"
+#if !defined(__i386__) && !defined(__x86_64__)
+#error "complex_number.cpp is written for the x87 of x86 and x86-64"
 #endif
 #if defined(__FAST_MATH__)
 #error "complex_number.cpp needs IEEE arithmetic: build it without -ffast-math"
@@ -38,12 +38,12 @@ constexpr unsigned short x87_overflow = 0x08;
 // 64-bit precision, rounding to nearest, every exception masked.
 constexpr unsigned short arithmetic_control_word = 0x037F;
 
-// The 32-bit protected-mode layout that fnstenv stores.
+// The 28-byte layout that fnstenv stores, in 32-bit and in 64-bit mode.
 struct x87_environment {
     unsigned short control, unused0, status, unused1, tag, unused2;
     unsigned long instruction_pointer, instruction_selector, operand_pointer, operand_selector;
 };
-static_assert(sizeof(x87_environment) == 28, "fnstenv stores 28 bytes in 32-bit mode");
+static_assert(sizeof(x87_environment) == 28, "fnstenv stores 28 bytes");
 
 // Out of line and opaque to the optimiser: at a call the x87 register stack
 // is empty, so the whole environment, tag word included, can be saved and

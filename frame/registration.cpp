@@ -80,6 +80,20 @@ struct library_facts {
     std::wstring libid, version, name;
 };
 
+const wchar_t* syskind_name(SYSKIND kind) { return kind == SYS_WIN64 ? L"win64" : L"win32"; }
+
+// The key under a library's version that holds its path on one platform;
+// a 32-bit and a 64-bit build of the library share the version key.
+std::wstring platform_subkey(const library_facts& facts, SYSKIND kind) {
+    wchar_t lcid[16];
+    wsprintfW(lcid, L"%lx", facts.attributes.lcid);
+    return std::wstring(lcid) + L"\\" + syskind_name(kind);
+}
+
+SYSKIND other_platform(const library_facts& facts) {
+    return facts.attributes.syskind == SYS_WIN64 ? SYS_WIN32 : SYS_WIN64;
+}
+
 library_facts facts_of(ITypeLib* library) {
     library_facts facts;
     TLIBATTR* attributes = nullptr;
@@ -147,7 +161,7 @@ bool register_library_keys(HKEY root, ITypeLib* library, const library_facts& fa
     std::wstring folder = path.substr(0, path.find_last_of(L'\\'));
     if (!set_string(root, key, nullptr, facts.name) || !set_string(root, key + L"\\FLAGS", nullptr, L"0") ||
         !set_string(root, key + L"\\HELPDIR", nullptr, folder) ||
-        !set_string(root, key + L"\\0\\win32", nullptr, path))
+        !set_string(root, key + L"\\" + platform_subkey(facts, facts.attributes.syskind), nullptr, path))
         return false;
     for (const marshalled_interface& i : marshalled_interfaces(library))
         if (!register_interface(root, i, facts)) return false;
@@ -206,15 +220,6 @@ HRESULT register_server(registration_scope scope) {
 HRESULT unregister_server(registration_scope scope) {
     const classes_root root(scope);
     if (!root) return S_OK;  // nothing was ever written there
-    HRESULT result = S_OK;
-    for (const class_entry& entry : class_table()) {
-        if (!delete_tree(root.get(), L"CLSID\\" + guid_text(*entry.clsid)) ||
-            !delete_tree(root.get(), prog_id(entry)))
-            result = SELFREG_E_CLASS;
-        if (entry.earlier_interface_id &&
-            !delete_tree(root.get(), L"Interface\\" + guid_text(*entry.earlier_interface_id)))
-            result = SELFREG_E_TYPELIB;
-    }
     com_ptr<ITypeLib> library;
     try {
         library = type_library::get();
@@ -223,8 +228,24 @@ HRESULT unregister_server(registration_scope scope) {
     }
     const library_facts facts = facts_of(library.get());
     const std::wstring library_key = L"TypeLib\\" + facts.libid;
+    const std::wstring version_key = library_key + L"\\" + facts.version;
+    // The other platform's build may be registered beside this one. Class
+    // and interface keys live in each platform's registry view; the ProgIDs
+    // and the library's version key are shared and stay for the other.
+    const bool other_registered =
+        key_exists(root.get(), version_key + L"\\" + platform_subkey(facts, other_platform(facts)));
+    HRESULT result = S_OK;
+    for (const class_entry& entry : class_table()) {
+        if (!delete_tree(root.get(), L"CLSID\\" + guid_text(*entry.clsid)) ||
+            (!other_registered && !delete_tree(root.get(), prog_id(entry))))
+            result = SELFREG_E_CLASS;
+        if (entry.earlier_interface_id &&
+            !delete_tree(root.get(), L"Interface\\" + guid_text(*entry.earlier_interface_id)))
+            result = SELFREG_E_TYPELIB;
+    }
     // Unregistering what is not registered is no failure: either may run twice.
-    if (key_exists(root.get(), library_key + L"\\" + facts.version)) {
+    const std::wstring own_key = version_key + L"\\" + platform_subkey(facts, facts.attributes.syskind);
+    if (key_exists(root.get(), own_key)) {
         if (root.machine()) {
             const TLIBATTR& a = facts.attributes;
             if (FAILED(UnRegisterTypeLib(a.guid, a.wMajorVerNum, a.wMinorVerNum, a.lcid, a.syskind)))
@@ -232,7 +253,9 @@ HRESULT unregister_server(registration_scope scope) {
         } else {
             for (const marshalled_interface& i : marshalled_interfaces(library.get()))
                 if (!delete_tree(root.get(), L"Interface\\" + i.iid)) result = SELFREG_E_TYPELIB;
-            if (!delete_tree(root.get(), library_key + L"\\" + facts.version)) result = SELFREG_E_TYPELIB;
+            if (!delete_tree(root.get(), own_key)) result = SELFREG_E_TYPELIB;
+            delete_if_empty(root.get(), own_key.substr(0, own_key.find_last_of(L'\\')));
+            if (!other_registered && !delete_tree(root.get(), version_key)) result = SELFREG_E_TYPELIB;
         }
     }
     delete_if_empty(root.get(), library_key);

@@ -12,14 +12,14 @@ namespace {
 
 constexpr DWORD source_copy = SRCCOPY;
 
-// Handles and addresses travel as Longs.
+// Handles and addresses travel as pointer-sized integers.
 template <class Handle>
-Handle handle_from(LONG value) {
-    return reinterpret_cast<Handle>(static_cast<LONG_PTR>(value));
+Handle handle_from(LONG_PTR value) {
+    return reinterpret_cast<Handle>(value);
 }
 template <class Pointer>
-LONG long_from(Pointer value) {
-    return static_cast<LONG>(reinterpret_cast<LONG_PTR>(value));
+LONG_PTR integer_from(Pointer value) {
+    return reinterpret_cast<LONG_PTR>(value);
 }
 
 // The error a member of another instance raised, raised again as it came:
@@ -133,12 +133,12 @@ void dib_section::paint_picture(HDC dc, LONG left, LONG top, LONG width, LONG he
     BitBlt(dc, left, top, width, height, memory_dc_, source_left, source_top, rop);
 }
 
-HRESULT dib_section::CreateDIB(LONG lhDC, LONG lwidth, LONG lHeight, LONG* hDib, VARIANT_BOOL* result) {
+HRESULT dib_section::CreateDIB(LONG_PTR lhDC, LONG lwidth, LONG lHeight, LONG_PTR* hDib, VARIANT_BOOL* result) {
     if (!hDib || !result) return E_POINTER;
     return com_boundary(L"cDIBSection.CreateDIB", [&] {
         HBITMAP section = nullptr;
         const bool made = create_dib(handle_from<HDC>(lhDC), lwidth, lHeight, section, L"cDIBSection.CreateDIB");
-        *hDib = long_from(section);
+        *hDib = integer_from(section);
         *result = made ? VARIANT_TRUE : VARIANT_FALSE;
     });
 }
@@ -173,31 +173,31 @@ HRESULT dib_section::get_Height(LONG* result) {
     return S_OK;
 }
 
-HRESULT dib_section::get_hdc(LONG* result) {
+HRESULT dib_section::get_hdc(LONG_PTR* result) {
     if (!result) return E_POINTER;
-    *result = long_from(memory_dc_);
+    *result = integer_from(memory_dc_);
     return S_OK;
 }
 
-HRESULT dib_section::get_hDib(LONG* result) {
+HRESULT dib_section::get_hDib(LONG_PTR* result) {
     if (!result) return E_POINTER;
-    *result = long_from(section_);
+    *result = integer_from(section_);
     return S_OK;
 }
 
-HRESULT dib_section::get_DIBSectionBitsPtr(LONG* result) {
+HRESULT dib_section::get_DIBSectionBitsPtr(LONG_PTR* result) {
     if (!result) return E_POINTER;
-    *result = long_from(bits_);
+    *result = integer_from(bits_);
     return S_OK;
 }
 
-HRESULT dib_section::LoadPictureBlt(LONG lhDC, LONG lSrcLeft, LONG lSrcTop, LONG lSrcWidth, LONG lSrcHeight,
+HRESULT dib_section::LoadPictureBlt(LONG_PTR lhDC, LONG lSrcLeft, LONG lSrcTop, LONG lSrcWidth, LONG lSrcHeight,
                                     RasterOpConstants eRop) {
     load_picture_blt(handle_from<HDC>(lhDC), lSrcLeft, lSrcTop, lSrcWidth, lSrcHeight, static_cast<DWORD>(eRop));
     return S_OK;
 }
 
-HRESULT dib_section::PaintPicture(LONG lhDC, LONG lDestLeft, LONG lDestTop, LONG lDestWidth, LONG lDestHeight,
+HRESULT dib_section::PaintPicture(LONG_PTR lhDC, LONG lDestLeft, LONG lDestTop, LONG lDestWidth, LONG lDestHeight,
                                   LONG lSrcLeft, LONG lSrcTop, RasterOpConstants eRop) {
     paint_picture(handle_from<HDC>(lhDC), lDestLeft, lDestTop, lDestWidth, lDestHeight, lSrcLeft, lSrcTop,
                   static_cast<DWORD>(eRop));
@@ -230,7 +230,8 @@ HRESULT dib_section::RandomiseBits(VARIANT_BOOL bGray) {
 }
 
 void dib_section::resample_bilinear_into(_cDIBSection* destination) {
-    LONG width = 0, height = 0, stride = 0, bits = 0;
+    LONG width = 0, height = 0, stride = 0;
+    LONG_PTR bits = 0;
     destination->get_Width(&width);
     destination->get_Height(&height);
     destination->get_BytesPerScanLine(&stride);
@@ -257,7 +258,7 @@ HRESULT dib_section::Resample(LONG lNewHeight, LONG lNewWidth, _cDIBSection** re
         if (FAILED(hr)) raise_failed_call(hr, L"cDIBSection.Resample");
         if (!made) return;
         if (lNewWidth == header_.bmiHeader.biWidth && lNewHeight == header_.bmiHeader.biHeight)
-            fresh->LoadPictureBlt(long_from(memory_dc_), 0, 0, -1, -1, static_cast<RasterOpConstants>(source_copy));
+            fresh->LoadPictureBlt(integer_from(memory_dc_), 0, 0, -1, -1, static_cast<RasterOpConstants>(source_copy));
         else
             resample_bilinear_into(fresh.get());
         *result = fresh.detach();

@@ -14,21 +14,21 @@ public:
     ~dib_section() override;  // the termination step: ClearUp
 
     HRESULT STDMETHODCALLTYPE CopyToClipboard(VARIANT_BOOL bAsDIB, VARIANT_BOOL* result) override;
-    HRESULT STDMETHODCALLTYPE CreateDIB(LONG lhDC, LONG lwidth, LONG lHeight, LONG* hDib,
+    HRESULT STDMETHODCALLTYPE CreateDIB(LONG_PTR lhDC, LONG lwidth, LONG lHeight, LONG_PTR* hDib,
                                         VARIANT_BOOL* result) override;
     HRESULT STDMETHODCALLTYPE CreateFromPicture(IPictureDisp** picThis, VARIANT* result) override;
     HRESULT STDMETHODCALLTYPE Create(LONG lwidth, LONG lHeight, VARIANT_BOOL* result) override;
     HRESULT STDMETHODCALLTYPE get_BytesPerScanLine(LONG* result) override;
     HRESULT STDMETHODCALLTYPE get_Width(LONG* result) override;
     HRESULT STDMETHODCALLTYPE get_Height(LONG* result) override;
-    HRESULT STDMETHODCALLTYPE LoadPictureBlt(LONG lhDC, LONG lSrcLeft, LONG lSrcTop, LONG lSrcWidth, LONG lSrcHeight,
+    HRESULT STDMETHODCALLTYPE LoadPictureBlt(LONG_PTR lhDC, LONG lSrcLeft, LONG lSrcTop, LONG lSrcWidth, LONG lSrcHeight,
                                              RasterOpConstants eRop) override;
-    HRESULT STDMETHODCALLTYPE PaintPicture(LONG lhDC, LONG lDestLeft, LONG lDestTop, LONG lDestWidth,
+    HRESULT STDMETHODCALLTYPE PaintPicture(LONG_PTR lhDC, LONG lDestLeft, LONG lDestTop, LONG lDestWidth,
                                            LONG lDestHeight, LONG lSrcLeft, LONG lSrcTop,
                                            RasterOpConstants eRop) override;
-    HRESULT STDMETHODCALLTYPE get_hdc(LONG* result) override;
-    HRESULT STDMETHODCALLTYPE get_hDib(LONG* result) override;
-    HRESULT STDMETHODCALLTYPE get_DIBSectionBitsPtr(LONG* result) override;
+    HRESULT STDMETHODCALLTYPE get_hdc(LONG_PTR* result) override;
+    HRESULT STDMETHODCALLTYPE get_hDib(LONG_PTR* result) override;
+    HRESULT STDMETHODCALLTYPE get_DIBSectionBitsPtr(LONG_PTR* result) override;
     HRESULT STDMETHODCALLTYPE RandomiseBits(VARIANT_BOOL bGray) override;
     HRESULT STDMETHODCALLTYPE ClearUp() override;
     HRESULT STDMETHODCALLTYPE Resample(LONG lNewHeight, LONG lNewWidth, _cDIBSection** result) override;

@@ -54,10 +54,10 @@ void masked_bitmap::release_all() {
     mask_dc_.release();
 }
 
-HRESULT masked_bitmap::SetBitmap(LONG* NewBitmap, VARIANT_BOOL* result) {
+HRESULT masked_bitmap::SetBitmap(LONG_PTR* NewBitmap, VARIANT_BOOL* result) {
     if (!NewBitmap || !result) return E_POINTER;
     return com_boundary(L"clsBitmap.SetBitmap", [&] {
-        const HGDIOBJ bitmap = reinterpret_cast<HGDIOBJ>(static_cast<LONG_PTR>(*NewBitmap));
+        const HGDIOBJ bitmap = reinterpret_cast<HGDIOBJ>(*NewBitmap);
         BITMAP record = {};
         if (GetObjectA(bitmap, sizeof record, &record)) {
             width_ = record.bmWidth;
@@ -74,26 +74,26 @@ HRESULT masked_bitmap::SetBitmap(LONG* NewBitmap, VARIANT_BOOL* result) {
     });
 }
 
-HRESULT masked_bitmap::get_ImageDC(LONG* result) {
+HRESULT masked_bitmap::get_ImageDC(LONG_PTR* result) {
     if (!result) return E_POINTER;
-    *result = static_cast<LONG>(reinterpret_cast<LONG_PTR>(image_dc_));
+    *result = reinterpret_cast<LONG_PTR>(image_dc_);
     return S_OK;
 }
 
-HRESULT masked_bitmap::get_MaskDC(LONG* result) {
+HRESULT masked_bitmap::get_MaskDC(LONG_PTR* result) {
     if (!result) return E_POINTER;
     return com_boundary(L"clsBitmap.MaskDC", [&] {
         if (!mask_dc_.dc) create_mask_dc();
-        *result = static_cast<LONG>(reinterpret_cast<LONG_PTR>(mask_dc_.dc));
+        *result = reinterpret_cast<LONG_PTR>(mask_dc_.dc);
     });
 }
 
-HRESULT masked_bitmap::get_InvertImageDC(LONG* result) {
+HRESULT masked_bitmap::get_InvertImageDC(LONG_PTR* result) {
     if (!result) return E_POINTER;
     return com_boundary(L"clsBitmap.InvertImageDC", [&] {
         if (!mask_dc_.dc) create_mask_dc();
         if (mask_dc_.dc && !invert_image_dc_.dc) create_invert_image_dc();
-        *result = static_cast<LONG>(reinterpret_cast<LONG_PTR>(invert_image_dc_.dc));
+        *result = reinterpret_cast<LONG_PTR>(invert_image_dc_.dc);
     });
 }
 

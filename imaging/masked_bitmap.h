@@ -16,12 +16,12 @@ public:
     using automation_object::automation_object;
     ~masked_bitmap() override;  // the termination step: the release routine
 
-    HRESULT STDMETHODCALLTYPE get_ImageDC(LONG* result) override;
-    HRESULT STDMETHODCALLTYPE get_InvertImageDC(LONG* result) override;
-    HRESULT STDMETHODCALLTYPE get_MaskDC(LONG* result) override;
+    HRESULT STDMETHODCALLTYPE get_ImageDC(LONG_PTR* result) override;
+    HRESULT STDMETHODCALLTYPE get_InvertImageDC(LONG_PTR* result) override;
+    HRESULT STDMETHODCALLTYPE get_MaskDC(LONG_PTR* result) override;
     HRESULT STDMETHODCALLTYPE get_Width(LONG* result) override;
     HRESULT STDMETHODCALLTYPE get_Height(LONG* result) override;
-    HRESULT STDMETHODCALLTYPE SetBitmap(LONG* NewBitmap, VARIANT_BOOL* result) override;
+    HRESULT STDMETHODCALLTYPE SetBitmap(LONG_PTR* NewBitmap, VARIANT_BOOL* result) override;
 
 private:
     // A memory DC with a bitmap of its own; the bitmap is deleted right

@@ -1,19 +1,35 @@
 #!/usr/bin/env bash
-# Installs what is missing, configures and builds into build/ (or
-# $VXTYPES32_BUILD), everything or just $VXTYPES32_TARGETS. Quiet unless
-# something fails.
+# Installs what is missing, configures and builds both DLLs: the 32-bit one
+# into build/ (or $VXTYPES32_BUILD) and the 64-bit one into its x64/ folder,
+# everything or just $VXTYPES32_TARGETS. VXTYPES32_PLATFORMS="x86" (or "x64")
+# builds one only. Quiet unless something fails.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${VXTYPES32_BUILD:-$root/build}
-log=$build/build.log
+platforms=${VXTYPES32_PLATFORMS:-x86 x64}
 
 "$root/scripts/setup.sh"
-mkdir -p "$build"
-{
-    if [ ! -f "$build/CMakeCache.txt" ]; then
-        cmake -S "$root" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-mingw32.cmake" \
-              -DCMAKE_BUILD_TYPE=Release
-    fi
-    # shellcheck disable=SC2086
-    cmake --build "$build" -j "$(nproc)" ${VXTYPES32_TARGETS:+--target $VXTYPES32_TARGETS}
-} >"$log" 2>&1 || { cat "$log" >&2; echo "build failed; the log is $log" >&2; exit 1; }
+
+# tree toolchain [extra cmake options]
+build_tree() {
+    local tree=$1 toolchain=$2
+    shift 2
+    local log=$tree/build.log
+    mkdir -p "$tree"
+    {
+        if [ ! -f "$tree/CMakeCache.txt" ]; then
+            cmake -S "$root" -B "$tree" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/$toolchain" \
+                  -DCMAKE_BUILD_TYPE=Release "$@"
+        fi
+        # shellcheck disable=SC2086
+        cmake --build "$tree" -j "$(nproc)" ${VXTYPES32_TARGETS:+--target $VXTYPES32_TARGETS}
+    } >"$log" 2>&1 || { cat "$log" >&2; echo "build failed; the log is $log" >&2; return 1; }
+}
+
+for platform in $platforms; do
+    case $platform in
+        x86) build_tree "$build" toolchain-mingw32.cmake ;;
+        x64) build_tree "$build/x64" toolchain-mingw64.cmake -DVX_X86_BUILD="$build" ;;
+        *) echo "unknown platform $platform" >&2; exit 2 ;;
+    esac
+done

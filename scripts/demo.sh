@@ -1,20 +1,37 @@
 #!/usr/bin/env bash
-# Builds everything, registers the DLL in the build tree's own Wine prefix
-# and shows every class at work through a real script client.
+# Builds both DLLs, registers them side by side in the 64-bit tree's own Wine
+# prefix (the 64-bit DLL in the 64-bit registry view, the 32-bit one under
+# WoW64) and shows every class at work through a 64-bit and a 32-bit script
+# host.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${VXTYPES32_BUILD:-$root/build}
+x64=$build/x64
 "$root/scripts/build.sh"
-wine_run=$build/wine-run
-"$wine_run" regsvr32 /s "$build/bin/vxTypes32.dll" || { echo "registration failed" >&2; exit 1; }
-# Every class through the example scripts, as a script client uses them.
-for example in user_info complex_numbers registry_walk dib_section; do
-    "$build/cscript" "$root/examples/$example.vbs"
-done
-# Events need a host that sinks them: the project's own.
-"$build/vxscript" "$root/examples/quick_sort.vbs"
+wine_run=$x64/wine-run
+winpath() { printf 'Z:%s' "$1" | tr / '\\'; }
+"$wine_run" regsvr32 /s "$(winpath "$x64/bin/vxTypes32.dll")" &&
+"$wine_run" 'C:\windows\syswow64\regsvr32.exe' /s "$(winpath "$build/bin/vxTypes32.dll")" ||
+    { echo "registration failed" >&2; exit 1; }
+
+# cscript host, vxscript program, DLL shown
+demo_through() {
+    local cscript=$1 vxscript=$2
+    # Every class through the example scripts, as a script client uses them.
+    for example in user_info complex_numbers registry_walk dib_section; do
+        "$cscript" "$root/examples/$example.vbs"
+    done
+    # Events need a host that sinks them: the project's own.
+    "$wine_run" "$vxscript" "$(winpath "$root/examples/quick_sort.vbs")"
+}
+echo "== 64-bit hosts (cscript in system32, vxscript.exe for x64) with x64/vxTypes32.dll"
+demo_through "$x64/cscript" "$x64/bin/vxscript.exe"
+echo
+echo "== 32-bit hosts (cscript in syswow64, vxscript.exe for x86) with x86/vxTypes32.dll"
+demo_through "$x64/cscript32" "$build/bin/vxscript.exe"
+echo
 # cDIBSection's pictures, written by the demonstration's own program.
 mkdir -p "$build/demo"
 echo "Pictures        a drawn picture and two resampled versions, as BMP files:"
-"$wine_run" "$build/bin/imaging_demo.exe" "Z:$(printf '%s' "$build/demo" | tr / '\\')"
-WINEPREFIX=$build/wineprefix wineserver -k 2>/dev/null || true
+"$wine_run" "$x64/bin/imaging_demo.exe" "$(winpath "$build/demo")"
+WINEPREFIX=$x64/wineprefix wineserver -k 2>/dev/null || true

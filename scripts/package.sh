@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Builds everything and packs the release: the DLL, its type library, the
-# manifests for registration-free use, the Windows README and the example
-# scripts. The same sources give the same bytes: fixed file order, times
+# Builds everything and packs the release: each DLL (x86/ and x64/) with
+# its type library and the manifests for registration-free use, the Windows
+# README and the example scripts. The same sources give the same bytes: fixed file order, times
 # and owners, and no time stamp in the compressed stream.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -12,8 +12,13 @@ name=vxTypes32-1.00.0031
 stage=$build/package/$name
 rm -rf "$stage"
 mkdir -p "$stage/examples"
-cp "$build/bin/vxTypes32.dll" "$build/generated/vxTypes32.tlb" \
-   "$build/bin/vxTypes32.manifest" "$build/bin/vxTypes32.client.manifest" "$stage/"
+for platform in x86 x64; do
+    tree=$build
+    [ $platform = x64 ] && tree=$build/x64
+    mkdir -p "$stage/$platform"
+    cp "$tree/bin/vxTypes32.dll" "$tree/generated/vxTypes32.tlb" \
+       "$tree/bin/vxTypes32.manifest" "$tree/bin/vxTypes32.client.manifest" "$stage/$platform/"
+done
 cp "$root/docs/WINDOWS.md" "$stage/README.md"
 cp "$root"/examples/* "$stage/examples/"
 

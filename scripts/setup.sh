@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
-# Installs the cross toolchain, Wine (with its 32-bit part) and CMake from
+# Installs the cross toolchains (32- and 64-bit), Wine (with its 32-bit part) and CMake from
 # Debian's packages, and Xvfb for the tests that need a display (a message
 # box). Idempotent: does nothing when everything is present.
 set -euo pipefail
 
 packages=(wine wine32:i386 wine64 libwine-dev gcc-mingw-w64-i686 g++-mingw-w64-i686
-          binutils-mingw-w64-i686 mingw-w64-tools cmake googletest
+          binutils-mingw-w64-i686 gcc-mingw-w64-x86-64-posix g++-mingw-w64-x86-64-posix
+          binutils-mingw-w64-x86-64 mingw-w64-tools cmake googletest
           python3 xvfb xauth)
 
 missing=()

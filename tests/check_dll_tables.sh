@@ -4,7 +4,8 @@
 # server, and DllInstall for per-user registration.
 set -u
 dll=$1
-dump=$(i686-w64-mingw32-objdump -p "$dll") || { echo "cannot read $dll"; exit 1; }
+objdump=${2:-i686-w64-mingw32-objdump}
+dump=$("$objdump" -p "$dll") || { echo "cannot read $dll"; exit 1; }
 
 allowed='^(kernel32|user32|gdi32|advapi32|ole32|oleaut32|msvcrt)\.dll$'
 status=0

@@ -1,7 +1,11 @@
 #!/usr/bin/env python3
 """Turns the type descriptions of vxTypes32 into the build's generated files.
 
-Usage: gen_types.py OUTPUT_DIR LIBRARY.types [SUBSYSTEM.types ...]
+Usage: gen_types.py [--platform win32|win64] OUTPUT_DIR LIBRARY.types [SUBSYSTEM.types ...]
+
+The platform (win32 unless given) sets the library's SYSKIND and the size of
+pointers, strings, objects and LongPtr; record offsets and sizes annotated in
+the descriptions are the win32 layout's and are checked there only.
 
 Writes into OUTPUT_DIR:
   vxTypes32_types.h     C++ declarations: GUIDs, interfaces, records, enums
@@ -60,8 +64,8 @@ Field line:
   SAFEARRAY. The generator lays records out with 4-byte packing and stops
   with an error where an annotated offset or size disagrees.
 
-TYPE: Byte Integer Long Single Double Currency Date String Boolean Variant
-Object Unknown, a described type (an interface or a coclass stands for a
+TYPE: Byte Integer Long LongPtr Single Double Currency Date String Boolean
+Variant Object Unknown, a described type (an interface or a coclass stands for a
 pointer to the interface), or IMPORT.NAME (a bare imported NAME is accepted
 where it is unambiguous).
 """
@@ -72,21 +76,43 @@ import struct
 import sys
 import uuid
 
-# Automation base types: VARTYPE, C++ type, size, alignment.
-BASE_TYPES = {
-    'Byte': ('VT_UI1', 'BYTE', 1, 1),
-    'Integer': ('VT_I2', 'SHORT', 2, 2),
-    'Long': ('VT_I4', 'LONG', 4, 4),
-    'Single': ('VT_R4', 'FLOAT', 4, 4),
-    'Double': ('VT_R8', 'DOUBLE', 8, 8),
-    'Currency': ('VT_CY', 'CY', 8, 8),
-    'Date': ('VT_DATE', 'DATE', 8, 8),
-    'String': ('VT_BSTR', 'BSTR', 4, 4),
-    'Boolean': ('VT_BOOL', 'VARIANT_BOOL', 2, 2),
-    'Variant': ('VT_VARIANT', 'VARIANT', 16, 8),
-    'Object': ('VT_DISPATCH', 'IDispatch*', 4, 4),
-    'Unknown': ('VT_UNKNOWN', 'IUnknown*', 4, 4),
-}
+# The platforms a library is written for: SYSKIND and pointer size.
+PLATFORMS = {'win32': ('SYS_WIN32', 4), 'win64': ('SYS_WIN64', 8)}
+
+
+def base_types(pointer):
+    """Automation base types: VARTYPE, C++ type, size, alignment. LongPtr
+    holds a handle or an address: Long on win32, LongLong on win64."""
+    return {
+        'Byte': ('VT_UI1', 'BYTE', 1, 1),
+        'Integer': ('VT_I2', 'SHORT', 2, 2),
+        'Long': ('VT_I4', 'LONG', 4, 4),
+        'LongPtr': ('VT_I4' if pointer == 4 else 'VT_I8', 'LONG_PTR', pointer, pointer),
+        'Single': ('VT_R4', 'FLOAT', 4, 4),
+        'Double': ('VT_R8', 'DOUBLE', 8, 8),
+        'Currency': ('VT_CY', 'CY', 8, 8),
+        'Date': ('VT_DATE', 'DATE', 8, 8),
+        'String': ('VT_BSTR', 'BSTR', pointer, pointer),
+        'Boolean': ('VT_BOOL', 'VARIANT_BOOL', 2, 2),
+        'Variant': ('VT_VARIANT', 'VARIANT', 8 + 2 * pointer, 8),
+        'Object': ('VT_DISPATCH', 'IDispatch*', pointer, pointer),
+        'Unknown': ('VT_UNKNOWN', 'IUnknown*', pointer, pointer),
+    }
+
+
+# Set by use_platform; win32 unless told otherwise.
+PLATFORM = 'win32'
+POINTER_SIZE = 4
+BASE_TYPES = base_types(POINTER_SIZE)
+
+
+def use_platform(name):
+    global PLATFORM, POINTER_SIZE, BASE_TYPES
+    if name not in PLATFORMS:
+        raise DescriptionError('unknown platform %s' % name)
+    PLATFORM, POINTER_SIZE = name, PLATFORMS[name][1]
+    BASE_TYPES = base_types(POINTER_SIZE)
+
 
 PACKING = 4
 IDISPATCH_SLOTS = 7
@@ -473,7 +499,7 @@ def size_align(lib, node):
         _, _, size, align = BASE_TYPES[node[1]]
         return size, align
     if kind in ('ptr', 'safearray'):
-        return 4, 4
+        return POINTER_SIZE, POINTER_SIZE
     if kind == 'carray':
         size, align = size_align(lib, node[1])
         count = 1
@@ -502,13 +528,14 @@ def layout(lib, record):
         alignment = max(alignment, align)
         offset = (offset + align - 1) // align * align
         field.offset = offset
-        if field.declared_offset is not None and field.declared_offset != offset:
+        # Annotated offsets and sizes are the 32-bit layout's.
+        if PLATFORM == 'win32' and field.declared_offset is not None and field.declared_offset != offset:
             fail(field.where, 'field %s lands at offset %d, not %d' %
                  (field.name, offset, field.declared_offset))
         offset += size
     record.alignment = alignment
     record.size = (offset + alignment - 1) // alignment * alignment
-    if record.declared_size is not None and record.declared_size != record.size:
+    if PLATFORM == 'win32' and record.declared_size is not None and record.declared_size != record.size:
         fail(record.where, 'record %s is %d bytes, not %d' % (record.name, record.size,
                                                                record.declared_size))
 
@@ -1043,8 +1070,9 @@ def emit_tables(lib):
     w('')
     emit_model(w, lib, 'library', lib.ordered, lib.imports)
     w('inline constexpr library_entry library_description{')
-    w('    %s, %s, %d, %d, 0x%X, 0x%X,' % (cpp_string(lib.name), guid_init(lib.guid),
-                                          lib.version[0], lib.version[1], lib.lcid, lib.names_lcid))
+    w('    %s, %s, %d, %d, 0x%X, 0x%X, %s,' % (cpp_string(lib.name), guid_init(lib.guid),
+                                              lib.version[0], lib.version[1], lib.lcid, lib.names_lcid,
+                                              PLATFORMS[PLATFORM][0]))
     w('    library_types, %d, library_funcs, library_params, library_vars, library_impls,'
       % len(lib.ordered))
     w('    library_nodes, library_bounds, library_references, library_imports, %d};'
@@ -1067,9 +1095,9 @@ def emit_tables(lib):
             types.append(t)
         emit_model(w, sub, 'standin', types, [])
         w('inline constexpr library_entry standin_description{')
-        w('    %s, %s, %d, %d, 0x%X, 0x%X,' % (cpp_string(imp.name), guid_init(imp.guid),
-                                              imp.version[0], imp.version[1], imp.lcid,
-                                              imp.lcid))
+        w('    %s, %s, %d, %d, 0x%X, 0x%X, %s,' % (cpp_string(imp.name), guid_init(imp.guid),
+                                                  imp.version[0], imp.version[1], imp.lcid,
+                                                  imp.lcid, PLATFORMS[PLATFORM][0]))
         w('    standin_types, %d, standin_funcs, standin_params, standin_vars, standin_impls,'
           % len(types))
         w('    standin_nodes, standin_bounds, standin_references, standin_imports, 0};')
@@ -1118,11 +1146,16 @@ def write_if_changed(path, data):
 
 
 def main(argv):
+    platform = 'win32'
+    if len(argv) > 2 and argv[1] == '--platform':
+        platform, argv = argv[2], argv[:1] + argv[3:]
     if len(argv) < 3:
-        sys.stderr.write('usage: gen_types.py OUTPUT_DIR LIBRARY.types [SUBSYSTEM.types ...]\n')
+        sys.stderr.write('usage: gen_types.py [--platform win32|win64] OUTPUT_DIR LIBRARY.types '
+                         '[SUBSYSTEM.types ...]\n')
         return 2
     out_dir = argv[1]
     try:
+        use_platform(platform)
         lib = parse(argv[2:])
         os.makedirs(out_dir, exist_ok=True)
         header = emit_header(lib)

@@ -15,6 +15,12 @@ namespace {
 
 // The assembly's version is the file version.
 constexpr const char* assembly_version = "1.0.0.31";
+// The manifests name the platform this tool was built for, the DLL's own.
+#if defined(_WIN64)
+constexpr const char* architecture = "amd64";
+#else
+constexpr const char* architecture = "x86";
+#endif
 
 std::string utf8(const std::wstring& text) {
     std::string out(WideCharToMultiByte(CP_UTF8, 0, text.c_str(), -1, nullptr, 0, nullptr, nullptr), '\0');
@@ -41,7 +47,7 @@ std::string assembly_manifest(ITypeLib* library) {
         "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\r\n"
         "<assembly xmlns=\"urn:schemas-microsoft-com:asm.v1\" manifestVersion=\"1.0\">\r\n"
         "  <assemblyIdentity type=\"win32\" name=\"vxTypes32\" version=\"" + std::string(assembly_version) +
-        "\" processorArchitecture=\"x86\"/>\r\n"
+        "\" processorArchitecture=\"" + architecture + "\"/>\r\n"
         "  <file name=\"vxTypes32.dll\">\r\n"
         "    <typelib tlbid=\"" + libid + "\" version=\"" + version + "\" helpdir=\"\" flags=\"\"/>\r\n";
     for (const vx::class_entry& entry : vx::class_table())
@@ -67,11 +73,11 @@ std::string client_manifest() {
     return "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\r\n"
            "<assembly xmlns=\"urn:schemas-microsoft-com:asm.v1\" manifestVersion=\"1.0\">\r\n"
            "  <assemblyIdentity type=\"win32\" name=\"vxTypes32.client\" version=\"1.0.0.0\" "
-           "processorArchitecture=\"x86\"/>\r\n"
+           "processorArchitecture=\"" + std::string(architecture) + "\"/>\r\n"
            "  <dependency>\r\n"
            "    <dependentAssembly>\r\n"
            "      <assemblyIdentity type=\"win32\" name=\"vxTypes32\" version=\"" +
-           std::string(assembly_version) + "\" processorArchitecture=\"x86\"/>\r\n"
+           std::string(assembly_version) + "\" processorArchitecture=\"" + architecture + "\"/>\r\n"
            "    </dependentAssembly>\r\n"
            "  </dependency>\r\n"
            "</assembly>\r\n";

@@ -128,17 +128,31 @@ bool correct_record_size(image& file, size_t base, const type_entry& type, std::
     return true;
 }
 
+// In a 64-bit library the writer sizes an enum like a pointer; an enum is
+// four bytes on every platform.
+bool correct_enum_size(image& file, size_t base, const library_entry& library, const type_entry& type,
+                       std::string* problem) {
+    const uint32_t stored = file.u32(base + 0x50);
+    if (type.size < 0 || stored == static_cast<uint32_t>(type.size)) return true;
+    if (stored != static_cast<uint32_t>(pointer_size(library)))
+        return image::fail(problem, narrow(type.name) + ": unexpected stored size " + std::to_string(stored));
+    file.put32(base + 0x50, static_cast<uint32_t>(type.size));
+    return true;
+}
+
 // The writer stores a dispinterface like the dispatch view of a dual
 // interface: IDispatch as base (datatype1) and IDispatch's seven slots in
 // its vtable size, so that it reads back with IDispatch's members ahead of
 // its own. A dispinterface has no base of its own and a vtable entry per
 // member; IDispatch stays its implemented interface.
-bool correct_dispinterface(image& file, size_t base, const type_entry& type, std::string* problem) {
+bool correct_dispinterface(image& file, size_t base, const library_entry& library, const type_entry& type,
+                           std::string* problem) {
+    const int slot = pointer_size(library);
     const uint32_t base_reference = file.u32(base + 0x54);
     const uint16_t vtable_size = file.u16(base + 0x4E);
-    const uint16_t own_size = static_cast<uint16_t>(4 * type.funcs);
+    const uint16_t own_size = static_cast<uint16_t>(slot * type.funcs);
     if (base_reference == 0xFFFFFFFFu && vtable_size == own_size) return true;
-    if (vtable_size != 4 * (7 + type.funcs))
+    if (vtable_size != slot * (7 + type.funcs))
         return image::fail(problem, narrow(type.name) + ": unexpected vtable size " + std::to_string(vtable_size));
     file.put32(base + 0x54, 0xFFFFFFFFu);
     file.put16(base + 0x4E, own_size);
@@ -201,7 +215,8 @@ bool correct_file(const std::wstring& path, const library_entry& library, std::s
         const size_t base = places.typeinfos[i];
         bool ok = true;
         if (type.kind == type_kind::record) ok = correct_record_size(file, base, type, problem);
-        if (type.kind == type_kind::dispinterface) ok = correct_dispinterface(file, base, type, problem);
+        if (type.kind == type_kind::enumeration) ok = correct_enum_size(file, base, library, type, problem);
+        if (type.kind == type_kind::dispinterface) ok = correct_dispinterface(file, base, library, type, problem);
         if (ok && (type.kind == type_kind::dual_interface || type.kind == type_kind::dispinterface) &&
             has_true_default(library, type))
             ok = correct_boolean_defaults(file, base, library, type, problem);

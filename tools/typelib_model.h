@@ -100,6 +100,7 @@ struct library_entry {
     WORD major, minor;
     LCID lcid;
     LCID names_lcid;
+    SYSKIND syskind;
     const type_entry* types;
     int type_count;
     const func_entry* funcs;
@@ -112,5 +113,8 @@ struct library_entry {
     const import_entry* imports;
     int import_count;
 };
+
+// The size of a vtable slot and of a pointer in the library's platform.
+inline int pointer_size(const library_entry& library) { return library.syskind == SYS_WIN64 ? 8 : 4; }
 
 }  // namespace typelib_model

@@ -75,7 +75,7 @@ public:
         : library_(library), imports_(std::move(imports)) {}
 
     void write(const std::wstring& path) {
-        check(CreateTypeLib2(SYS_WIN32, path.c_str(), creator_.put()), "CreateTypeLib2");
+        check(CreateTypeLib2(library_.syskind, path.c_str(), creator_.put()), "CreateTypeLib2");
         check(creator_->SetName(const_cast<LPOLESTR>(library_.name)), "SetName");
         check(creator_->SetGuid(library_.guid), "SetGuid");
         check(creator_->SetVersion(library_.major, library_.minor), "SetVersion");
@@ -251,7 +251,7 @@ private:
         desc.callconv = CC_STDCALL;
         desc.cParams = static_cast<SHORT>(func.params);
         desc.cParamsOpt = static_cast<SHORT>(func.optional);
-        desc.oVft = func.vtable_slot >= 0 ? static_cast<SHORT>(func.vtable_slot * sizeof(void*)) : 0;
+        desc.oVft = func.vtable_slot >= 0 ? static_cast<SHORT>(func.vtable_slot * pointer_size(library_)) : 0;
         desc.elemdescFunc.tdesc.vt = type.kind == type_kind::dual_interface ? VT_HRESULT : VT_VOID;
         desc.lprgelemdescParam = params.data();
         const HRESULT hr = info->AddFuncDesc(f, &desc);
@@ -315,7 +315,7 @@ private:
 
 class verifier {
 public:
-    explicit verifier(const library_entry& library) : library_(library) {}
+    explicit verifier(const library_entry& library) : library_(library), slot_(pointer_size(library)) {}
 
     int differences() const { return differences_; }
 
@@ -332,7 +332,7 @@ public:
         expect("library", "version", version(library_.major, library_.minor),
                version(attr->wMajorVerNum, attr->wMinorVerNum));
         expect("library", "lcid", hex(library_.lcid), hex(attr->lcid));
-        expect("library", "syskind", "SYS_WIN32", attr->syskind == SYS_WIN32 ? "SYS_WIN32" : number(attr->syskind));
+        expect("library", "syskind", number(library_.syskind), number(attr->syskind));
         expect("library", "flags", hex(0), hex(attr->wLibFlags & ~LIBFLAG_FHASDISKIMAGE));
         loaded->ReleaseTLibAttr(attr);
         unique_bstr name, doc, help_file;
@@ -510,7 +510,7 @@ private:
         // The dispatch view: IDispatch's members plus our own, no vtable.
         expect(where, "dispatch view funcs", number(7 + type.funcs), number(attr->cFuncs));
         expect(where, "dispatch view impl types", "1", number(attr->cImplTypes));
-        expect(where, "dispatch view vtable size", number(7 * 4), number(attr->cbSizeVft));
+        expect(where, "dispatch view vtable size", number(7 * slot_), number(attr->cbSizeVft));
         verify_base_is_idispatch(where + " (dispatch view)", info, 0);
 
         HREFTYPE href = 0;
@@ -527,7 +527,7 @@ private:
         expect(where, "interface view funcs", number(type.funcs), number(vattr->cFuncs));
         expect(where, "interface view vars", "0", number(vattr->cVars));
         expect(where, "interface view impl types", "1", number(vattr->cImplTypes));
-        expect(where, "interface view vtable size", number((7 + type.funcs) * 4), number(vattr->cbSizeVft));
+        expect(where, "interface view vtable size", number((7 + type.funcs) * slot_), number(vattr->cbSizeVft));
         verify_base_is_idispatch(where, vtable_view.get(), 0);
         for (int f = 0; f < type.funcs && f < vattr->cFuncs; ++f)
             verify_func(where, vtable_view.get(), type, f, FUNC_PUREVIRTUAL, VT_HRESULT);
@@ -539,7 +539,7 @@ private:
         expect(where, "funcs", number(type.funcs), number(attr->cFuncs));
         expect(where, "vars", "0", number(attr->cVars));
         expect(where, "impl types", "1", number(attr->cImplTypes));
-        expect(where, "vtable size", number(7 * 4), number(attr->cbSizeVft));
+        expect(where, "vtable size", number(7 * slot_), number(attr->cbSizeVft));
         verify_base_is_idispatch(where, info, 0);
         for (int f = 0; f < type.funcs && f < attr->cFuncs; ++f)
             verify_func(where, info, type, f, FUNC_DISPATCH, VT_VOID);
@@ -560,7 +560,7 @@ private:
         expect(where, "func kind", number(funckind), number(desc->funckind));
         expect(where, "calling convention", number(CC_STDCALL), number(desc->callconv));
         expect(where, "func flags", hex(0), hex(desc->wFuncFlags));
-        expect(where, "vtable offset", number(func.vtable_slot >= 0 ? func.vtable_slot * 4 : 0), number(desc->oVft));
+        expect(where, "vtable offset", number(func.vtable_slot >= 0 ? func.vtable_slot * slot_ : 0), number(desc->oVft));
         expect(where, "params", number(func.params), number(desc->cParams));
         expect(where, "optional params", number(func.optional), number(desc->cParamsOpt));
         expect(where, "returns", "VT" + number(returns), found_type(info, desc->elemdescFunc.tdesc));
@@ -657,6 +657,7 @@ private:
     }
 
     const library_entry& library_;
+    const int slot_;
     int differences_ = 0;
 };
 

@@ -424,7 +424,7 @@ environment_after in_callers_environment(unsigned short control, Call what) {
     const unsigned short ours = control_word();
     float_traps = 0;
     load_control_word(control);
-    volatile double inexact = 1.0;
+    volatile long double inexact = 1.0L;  // the x87 in 32-bit and 64-bit code
     inexact = inexact / 3;
     what();
     const environment_after after{control_word(), exception_flags(), float_traps};
@@ -459,7 +459,7 @@ TEST(ComplexNumber, SetsItsOwnX87EnvironmentAndGivesTheCallersBack) {
             const unsigned short ours = control_word();
             float_traps = 0;
             load_control_word(c.control);
-            volatile double inexact = 1.0;
+            volatile long double inexact = 1.0L;  // the x87 in 32-bit and 64-bit code
             inexact = inexact / 3;  // the caller's own sticky flag: precision
             outcome out = apply(z.get(), r.o, r.operand);
             const unsigned short control_after = control_word(), flags_after = exception_flags();

@@ -81,7 +81,8 @@ std::ostream& operator<<(std::ostream& out, const call_outcome& o) {
 //   DISP_E_MEMBERNOTFOUND ("tried to set the value of a read-only
 //   property"); Wine answers E_INVALIDARG;
 // - more arguments than a method takes answer DISP_E_BADPARAMCOUNT; Wine
-//   ignores the surplus and calls the member;
+//   ignores the surplus and calls the member (or, in 64-bit code, calls
+//   it a bad type where the member takes a LongLong by reference);
 // - a member that fails leaves the result as it was, Empty; Wine writes the
 //   unwritten object retval as Nothing;
 // - puArgErr names the argument that failed to convert; Wine leaves it
@@ -91,7 +92,8 @@ call_outcome as_windows_answers(call_outcome wine, const call_outcome& ours, con
     if (wine.hr == E_INVALIDARG && (flags & (DISPATCH_PROPERTYPUT | DISPATCH_PROPERTYPUTREF)) &&
         member.invoke_kind != INVOKE_PROPERTYPUT && member.invoke_kind != INVOKE_PROPERTYPUTREF)
         wine.hr = DISP_E_MEMBERNOTFOUND;
-    if (shape_label == "one argument too many" && more_than_it_takes && SUCCEEDED(wine.hr)) {
+    if (shape_label == "one argument too many" && more_than_it_takes &&
+        (SUCCEEDED(wine.hr) || (sizeof(void*) == 8 && wine.hr == DISP_E_BADVARTYPE))) {
         wine = call_outcome{};
         wine.hr = DISP_E_BADPARAMCOUNT;
         wine.result = L"vt=0";

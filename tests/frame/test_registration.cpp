@@ -96,7 +96,8 @@ void expect_everything_registered(const char* when) {
         EXPECT_EQ(prog_id, value_of(prog_id)) << when;
         EXPECT_EQ(clsid, value_of(prog_id + L"\\Clsid")) << when;
     }
-    EXPECT_EQ(path, upper(value_of(std::wstring(L"TypeLib\\") + libid + L"\\1.2\\0\\win32"))) << when;
+    const wchar_t* platform = sizeof(void*) == 8 ? L"\\1.2\\0\\win64" : L"\\1.2\\0\\win32";
+    EXPECT_EQ(path, upper(value_of(std::wstring(L"TypeLib\\") + libid + platform))) << when;
     for (const auto& i : interfaces) {
         const std::wstring key = std::wstring(L"Interface\\") + i.iid;
         EXPECT_EQ(i.name, value_of(key)) << when << ": " << narrow(i.iid);

@@ -121,6 +121,7 @@ std::wstring type_text(ITypeInfo* owner, const TYPEDESC& type) {
     }
     case VT_I2: return L"short";
     case VT_I4: return L"long";
+    case VT_I8: return L"hyper";
     case VT_R8: return L"double";
     case VT_BSTR: return L"BSTR";
     case VT_BOOL: return L"VARIANT_BOOL";
@@ -141,7 +142,7 @@ TEST(TypeLibrary, Identity) {
     EXPECT_EQ(1, attributes->wMajorVerNum);
     EXPECT_EQ(2, attributes->wMinorVerNum);
     EXPECT_EQ(0u, attributes->lcid);
-    EXPECT_EQ(SYS_WIN32, attributes->syskind);
+    EXPECT_EQ(sizeof(void*) == 8 ? SYS_WIN64 : SYS_WIN32, attributes->syskind);
     // Disk image is how the platform says it read the library from a file.
     EXPECT_EQ(0, attributes->wLibFlags & ~LIBFLAG_FHASDISKIMAGE);
     library->ReleaseTLibAttr(attributes);
@@ -242,6 +243,9 @@ TEST(TypeLibrary, EveryTypeAtItsIndexWithItsIdentity) {
 // Types of other libraries, by GUID.
 const std::wstring picture_disp = L"{7BF80981-BF32-101A-8BBB-00AA00300CAB}";
 const std::wstring raster_op = L"{AD4EF4E8-FAC9-11CF-8425-00A0C9110056}";  // the runtime's; its name is free
+// Handles and addresses are pointer-sized.
+const std::wstring handle = sizeof(void*) == 8 ? L"hyper" : L"long";
+const std::wstring handle_pointer = handle + L"*";
 
 constexpr USHORT in = PARAMFLAG_FIN;
 constexpr USHORT in_out = PARAMFLAG_FIN | PARAMFLAG_FOUT;
@@ -304,7 +308,7 @@ const expected_interface expected_interfaces[] = {
          {L"CreateDIB",
           0x60030007,
           method,
-          {{L"lhDC", L"long", in}, {L"lwidth", L"long", in}, {L"lHeight", L"long", in}, {L"hDib", L"long*", in_out}},
+          {{L"lhDC", handle, in}, {L"lwidth", L"long", in}, {L"lHeight", L"long", in}, {L"hDib", handle_pointer, in_out}},
           L"VARIANT_BOOL*"},
          {L"CreateFromPicture", 0x60030008, method, {{L"picThis", picture_disp + L"**", in_out}}, L"VARIANT*"},
          {L"Create", 0x60030009, method, {{L"lwidth", L"long", in}, {L"lHeight", L"long", in}}, L"VARIANT_BOOL*"},
@@ -314,7 +318,7 @@ const expected_interface expected_interfaces[] = {
          {L"LoadPictureBlt",
           0x6003000A,
           method,
-          {{L"lhDC", L"long", in},
+          {{L"lhDC", handle, in},
            {L"lSrcLeft", L"long", optional_in, VT_I4, 0},
            {L"lSrcTop", L"long", optional_in, VT_I4, 0},
            {L"lSrcWidth", L"long", optional_in, VT_I4, -1},
@@ -324,7 +328,7 @@ const expected_interface expected_interfaces[] = {
          {L"PaintPicture",
           0x6003000B,
           method,
-          {{L"lhDC", L"long", in},
+          {{L"lhDC", handle, in},
            {L"lDestLeft", L"long", optional_in, VT_I4, 0},
            {L"lDestTop", L"long", optional_in, VT_I4, 0},
            {L"lDestWidth", L"long", optional_in, VT_I4, -1},
@@ -333,9 +337,9 @@ const expected_interface expected_interfaces[] = {
            {L"lSrcTop", L"long", optional_in, VT_I4, 0},
            {L"eRop", raster_op, optional_in, VT_I4, 13369376}},
           L""},
-         {L"hdc", 0x68030002, get, {}, L"long*"},
-         {L"hDib", 0x68030001, get, {}, L"long*"},
-         {L"DIBSectionBitsPtr", 0x68030000, get, {}, L"long*"},
+         {L"hdc", 0x68030002, get, {}, handle_pointer},
+         {L"hDib", 0x68030001, get, {}, handle_pointer},
+         {L"DIBSectionBitsPtr", 0x68030000, get, {}, handle_pointer},
          {L"RandomiseBits", 0x6003000C, method, {{L"bGray", L"VARIANT_BOOL", optional_in, VT_BOOL, 0}}, L""},
          {L"ClearUp", 0x6003000D, method, {}, L""},
          {L"Resample", 0x6003000E, method, {{L"lNewHeight", L"long", in}, {L"lNewWidth", L"long", in}},
@@ -377,12 +381,12 @@ const expected_interface expected_interfaces[] = {
      }},
     {L"_clsBitmap",
      {
-         {L"ImageDC", 0x68030004, get, {}, L"long*"},
-         {L"InvertImageDC", 0x68030003, get, {}, L"long*"},
-         {L"MaskDC", 0x68030002, get, {}, L"long*"},
+         {L"ImageDC", 0x68030004, get, {}, handle_pointer},
+         {L"InvertImageDC", 0x68030003, get, {}, handle_pointer},
+         {L"MaskDC", 0x68030002, get, {}, handle_pointer},
          {L"Width", 0x68030001, get, {}, L"long*"},
          {L"Height", 0x68030000, get, {}, L"long*"},
-         {L"SetBitmap", 0x60030005, method, {{L"NewBitmap", L"long*", in_out}}, L"VARIANT_BOOL*"},
+         {L"SetBitmap", 0x60030005, method, {{L"NewBitmap", handle_pointer, in_out}}, L"VARIANT_BOOL*"},
      }},
 };
 
@@ -426,7 +430,7 @@ TEST(TypeLibrary, DualInterfaceMembers) {
         const type_attributes a = attributes_of(info.get());
         EXPECT_EQ(TKIND_INTERFACE, a.kind) << interface_name;
         ASSERT_EQ(e.members.size(), a.functions) << interface_name;
-        EXPECT_EQ(4 * (7 + e.members.size()), a.vtable_size)
+        EXPECT_EQ(sizeof(void*) * (7 + e.members.size()), a.vtable_size)
             << interface_name << ": IDispatch's seven slots, then its own";
         ASSERT_EQ(1, a.implemented) << interface_name;
         com_ptr<ITypeInfo> base = implemented(info.get(), 0);
@@ -442,7 +446,7 @@ TEST(TypeLibrary, DualInterfaceMembers) {
             EXPECT_EQ(m.help, help) << what;
             EXPECT_EQ(m.id, f->memid) << what;
             EXPECT_EQ(m.kind, f->invkind) << what;
-            EXPECT_EQ(4 * (7 + static_cast<int>(i)), f->oVft) << what;
+            EXPECT_EQ(static_cast<int>(sizeof(void*)) * (7 + static_cast<int>(i)), f->oVft) << what;
             EXPECT_EQ(FUNC_PUREVIRTUAL, f->funckind) << what;
             EXPECT_EQ(CC_STDCALL, f->callconv) << what;
             EXPECT_EQ(VT_HRESULT, f->elemdescFunc.tdesc.vt) << what;

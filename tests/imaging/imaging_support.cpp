@@ -19,17 +19,17 @@ section_facts facts_of(_cDIBSection* section) {
     section->get_Height(&value), f.height = value;
     value = 0;
     section->get_BytesPerScanLine(&value), f.stride = value;
-    section->get_hdc(&value), f.hdc = value;
-    section->get_hDib(&value), f.hdib = value;
-    section->get_DIBSectionBitsPtr(&value), f.bits = value;
+    section->get_hdc(&f.hdc);
+    section->get_hDib(&f.hdib);
+    section->get_DIBSectionBitsPtr(&f.bits);
     return f;
 }
 
 unsigned char* bits_of(_cDIBSection* section) {
     GdiFlush();  // drawing the platform still holds back lands first
-    LONG bits = 0;
+    LONG_PTR bits = 0;
     section->get_DIBSectionBitsPtr(&bits);
-    return reinterpret_cast<unsigned char*>(static_cast<LONG_PTR>(bits));
+    return reinterpret_cast<unsigned char*>(bits);
 }
 
 std::uint32_t pixel_at(_cDIBSection* section, long x, long y) {

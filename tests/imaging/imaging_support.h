@@ -18,7 +18,8 @@ com_ptr<_cDIBSection> new_section();
 com_ptr<_cDIBSection> new_section(long width, long height);
 
 struct section_facts {
-    long width = 0, height = 0, stride = 0, hdc = 0, hdib = 0, bits = 0;
+    long width = 0, height = 0, stride = 0;
+    LONG_PTR hdc = 0, hdib = 0, bits = 0;
 };
 section_facts facts_of(_cDIBSection* section);
 

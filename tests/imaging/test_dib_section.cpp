@@ -78,7 +78,7 @@ TEST(DibSectionStates, NewLiveReleasedAndRecreated) {
 TEST(DibSectionCreateDib, HandsTheSectionToTheCallerOnly) {
     com_ptr<_cDIBSection> section = new_section(4, 4);
     const section_facts before = facts_of(section.get());
-    LONG handle = 0;
+    LONG_PTR handle = 0;
     VARIANT_BOOL made = VARIANT_FALSE;
     ASSERT_EQ(S_OK, section->CreateDIB(0, 6, 3, &handle, &made));
     EXPECT_EQ(VARIANT_TRUE, made);
@@ -89,7 +89,7 @@ TEST(DibSectionCreateDib, HandsTheSectionToTheCallerOnly) {
     EXPECT_EQ(6, after.width);
     EXPECT_EQ(3, after.height);
     EXPECT_NE(before.bits, after.bits) << "the address is that of the caller's section";
-    EXPECT_TRUE(DeleteObject(reinterpret_cast<HGDIOBJ>(static_cast<LONG_PTR>(handle)))) << "the caller deletes it";
+    EXPECT_TRUE(DeleteObject(reinterpret_cast<HGDIOBJ>(handle))) << "the caller deletes it";
 
     handle = 77;
     ASSERT_EQ(S_OK, section->CreateDIB(0, -5, 3, &handle, &made));
@@ -123,14 +123,14 @@ TEST(DibSectionOverflow, SizeArithmeticRaisesError6) {
         LONG stride = 0;
         EXPECT_EQ(r.scan_line_overflows ? automation_error_number(6) : S_OK, section->get_BytesPerScanLine(&stride))
             << r.label;
-        LONG handle = 0;
+        LONG_PTR handle = 0;
         EXPECT_EQ(automation_error_number(6), section->CreateDIB(0, r.width, r.height, &handle, &made)) << r.label;
         EXPECT_EQ(0, handle) << r.label << ": CreateDIB made nothing";
         EXPECT_EQ(S_OK, section->RandomiseBits(VARIANT_FALSE)) << r.label << ": nothing to write";
     }
     // The last width that fits.
     com_ptr<_cDIBSection> section = new_section();
-    LONG handle = 0;
+    LONG_PTR handle = 0;
     VARIANT_BOOL made = VARIANT_FALSE;
     section->CreateDIB(0, 715827881, 0, &handle, &made);
     LONG stride = 0;

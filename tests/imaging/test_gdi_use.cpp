@@ -24,12 +24,12 @@ void one_masked_round() {
     ReleaseDC(nullptr, screen);
     {
         com_ptr<_clsBitmap> masked = create<_clsBitmap>(CLSID_clsBitmap, IID__clsBitmap);
-        LONG handle = static_cast<LONG>(reinterpret_cast<LONG_PTR>(bitmap)), dc = 0;
+        LONG_PTR handle = reinterpret_cast<LONG_PTR>(bitmap), dc = 0;
         VARIANT_BOOL done = VARIANT_FALSE;
         masked->SetBitmap(&handle, &done);
         masked->get_InvertImageDC(&dc);
         masked->get_MaskDC(&dc);
-        handle = static_cast<LONG>(reinterpret_cast<LONG_PTR>(second));
+        handle = reinterpret_cast<LONG_PTR>(second);
         masked->SetBitmap(&handle, &done);
     }
     DeleteObject(bitmap);

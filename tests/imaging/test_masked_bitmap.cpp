@@ -8,29 +8,30 @@ namespace {
 com_ptr<_clsBitmap> new_masked_bitmap() { return create<_clsBitmap>(CLSID_clsBitmap, IID__clsBitmap); }
 
 struct masked_facts {
-    long image = 0, width = 0, height = 0;
+    LONG_PTR image = 0;
+    long width = 0, height = 0;
 };
 masked_facts facts_of(_clsBitmap* masked) {
     masked_facts f;
     LONG v = 0;
-    masked->get_ImageDC(&v), f.image = v;
+    masked->get_ImageDC(&f.image);
     masked->get_Width(&v), f.width = v;
     masked->get_Height(&v), f.height = v;
     return f;
 }
 
-long mask_dc(_clsBitmap* masked) {
-    LONG v = -1;
+LONG_PTR mask_dc(_clsBitmap* masked) {
+    LONG_PTR v = -1;
     EXPECT_EQ(S_OK, masked->get_MaskDC(&v));
     return v;
 }
-long invert_image_dc(_clsBitmap* masked) {
-    LONG v = -1;
+LONG_PTR invert_image_dc(_clsBitmap* masked) {
+    LONG_PTR v = -1;
     EXPECT_EQ(S_OK, masked->get_InvertImageDC(&v));
     return v;
 }
 
-HDC as_dc(long value) { return reinterpret_cast<HDC>(static_cast<LONG_PTR>(value)); }
+HDC as_dc(LONG_PTR value) { return reinterpret_cast<HDC>(value); }
 
 COLORREF image_colour(int x, int y) { return RGB(x * 7 + 10, y * 13 + 5, (x ^ y) * 9); }
 
@@ -60,10 +61,10 @@ bool same_picture(HDC a, HDC b, const char* label) {
 }
 
 bool set_bitmap(_clsBitmap* masked, HBITMAP bitmap) {
-    LONG handle = static_cast<LONG>(reinterpret_cast<LONG_PTR>(bitmap));
+    LONG_PTR handle = reinterpret_cast<LONG_PTR>(bitmap);
     VARIANT_BOOL done = VARIANT_TRUE;
     EXPECT_EQ(S_OK, masked->SetBitmap(&handle, &done));
-    EXPECT_EQ(static_cast<LONG>(reinterpret_cast<LONG_PTR>(bitmap)), handle) << "NewBitmap is never written";
+    EXPECT_EQ(reinterpret_cast<LONG_PTR>(bitmap), handle) << "NewBitmap is never written";
     return done == VARIANT_TRUE;
 }
 
@@ -180,7 +181,7 @@ TEST(MaskedBitmap, RefusedBitmapsReleaseEveryDC) {
 
 TEST(MaskedBitmap, MasksBeforeAnyBitmapAreThePlatformsAnswer) {
     com_ptr<_clsBitmap> masked = new_masked_bitmap();
-    LONG value = -1;
+    LONG_PTR value = -1;
     EXPECT_EQ(S_OK, masked->get_MaskDC(&value)) << "raises nothing";
     EXPECT_EQ(S_OK, masked->get_InvertImageDC(&value)) << "raises nothing";
 }

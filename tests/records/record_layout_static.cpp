@@ -14,6 +14,10 @@ using namespace vxTypes32;
 // Bytes of a field, without naming its declared type.
 #define VX_BYTES(record, member) sizeof(std::declval<record&>().member)
 
+// The published layout is the 32-bit one; on 64-bit, strings and handles
+// are pointer-sized and the offsets follow.
+#if !defined(_WIN64)
+
 static_assert(sizeof(IPDataRecord) == 256);
 static_assert(offsetof(IPDataRecord, reading_time) == 8 && VX_BYTES(IPDataRecord, reading_time) == 8);
 static_assert(offsetof(IPDataRecord, UseIP) == 20 && VX_BYTES(IPDataRecord, UseIP) == 2);
@@ -109,6 +113,7 @@ static_assert(offsetof(Veltrax_facet_file, facet_file) == 12);
 static_assert(offsetof(Veltrax_facet_file, coordinate_file) == 32);
 static_assert(offsetof(Veltrax_facet_file, coord_zpos) == 48);
 
+#endif
 #undef VX_BYTES
 
 }  // namespace

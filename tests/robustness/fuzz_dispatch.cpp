@@ -75,6 +75,9 @@ std::wstring trimmed(const std::wstring& text) {
     return first == std::wstring::npos ? L"" : text.substr(first, text.find_last_not_of(L' ') - first + 1);
 }
 
+// Handles travel as Long in 32-bit code and as LongLong in 64-bit code.
+constexpr VARTYPE handle_type = sizeof(void*) == 8 ? VT_I8 : VT_I4;
+
 LONG handle_value(HGDIOBJ handle) { return static_cast<LONG>(reinterpret_cast<LONG_PTR>(handle)); }
 HGDIOBJ gdi_handle(LONG value) { return reinterpret_cast<HGDIOBJ>(static_cast<LONG_PTR>(value)); }
 
@@ -520,7 +523,7 @@ private:
                 // The section's handle must come back to be deleted: only a
                 // variable of the parameter's type, or a Variant one, does.
                 const VARTYPE t = V_VT(slot(3));
-                if (t != (VT_BYREF | VT_I4) && t != (VT_BYREF | VT_VARIANT) && slot(1)) set_long(slot(1), 0);
+                if (t != (VT_BYREF | handle_type) && t != (VT_BYREF | VT_VARIANT) && slot(1)) set_long(slot(1), 0);
             }
             if (name == L"CopyToClipboard" && !slots.empty() && slots[0]) {
                 // The box waits for a user; it has a test of its own.
@@ -758,13 +761,14 @@ private:
     }
 
     void keep_section(IDispatch* object, VARIANT* slot) {
-        LONG handle = 0;
+        LONG_PTR handle = 0;
         if (V_VT(slot) == (VT_BYREF | VT_I4)) handle = *V_I4REF(slot);
-        else if (V_VT(slot) == (VT_BYREF | VT_VARIANT) && V_VT(V_VARIANTREF(slot)) == VT_I4)
-            handle = V_I4(V_VARIANTREF(slot));
+        else if (V_VT(slot) == (VT_BYREF | VT_I8)) handle = static_cast<LONG_PTR>(*V_I8REF(slot));
+        else if (V_VT(slot) == (VT_BYREF | VT_VARIANT) && V_VT(V_VARIANTREF(slot)) == handle_type)
+            handle = handle_type == VT_I8 ? static_cast<LONG_PTR>(V_I8(V_VARIANTREF(slot))) : V_I4(V_VARIANTREF(slot));
         if (!handle) return;
-        const HGDIOBJ section = reinterpret_cast<HGDIOBJ>(static_cast<LONG_PTR>(handle));
-        if (GetObjectType(section) != OBJ_BITMAP || owned_.is_fuzzer_bitmap(handle)) return;
+        const HGDIOBJ section = reinterpret_cast<HGDIOBJ>(handle);
+        if (GetObjectType(section) != OBJ_BITMAP || owned_.is_fuzzer_bitmap(static_cast<LONG>(handle))) return;
         sections_[object].push_back(static_cast<HBITMAP>(section));
     }
 

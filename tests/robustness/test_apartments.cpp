@@ -268,9 +268,9 @@ TEST_F(Apartments, QuickSortRaisesItsEventsIntoASinkInTheCallersApartment) {
 // process.
 unsigned char* bits_of(_cDIBSection* section) {
     GdiFlush();
-    LONG bits = 0;
+    LONG_PTR bits = 0;
     section->get_DIBSectionBitsPtr(&bits);
-    return reinterpret_cast<unsigned char*>(static_cast<LONG_PTR>(bits));
+    return reinterpret_cast<unsigned char*>(bits);
 }
 
 long stride_for(long width) { return (width * 3 + 3) & ~3L; }
@@ -321,7 +321,7 @@ TEST_F(Apartments, DibSectionsResampleAndBlitAcrossApartments) {
 
     // eRop is typed by the runtime's library: this call needs its marshaller.
     ASSERT_EQ(S_OK, copy.proxy->Create(13, 7, &made));
-    LONG copy_dc = 0;
+    LONG_PTR copy_dc = 0;
     copy.proxy->get_hdc(&copy_dc);
     ASSERT_EQ(S_OK, source.proxy->PaintPicture(copy_dc, 0, 0, 13, 7, 0, 0, RasterOpConstants(SRCCOPY)));
     const unsigned char* from = bits_of(source.proxy.get());
@@ -398,11 +398,12 @@ TEST_F(Apartments, MaskedBitmapBuildsItsDCsFromTheCallersBitmap) {
     apartment_thread home;
     made_elsewhere<_clsBitmap> masked = make_in<_clsBitmap>(home, CLSID_clsBitmap, IID__clsBitmap);
     ASSERT_TRUE(masked.proxy);
-    LONG handle = static_cast<LONG>(reinterpret_cast<LONG_PTR>(bitmap));
+    LONG_PTR handle = reinterpret_cast<LONG_PTR>(bitmap);
     VARIANT_BOOL set = VARIANT_FALSE;
     ASSERT_EQ(S_OK, masked.proxy->SetBitmap(&handle, &set));
     EXPECT_EQ(VARIANT_TRUE, set);
-    LONG width = 0, height = 0, image = 0, mask = 0, inverted = 0;
+    LONG width = 0, height = 0;
+    LONG_PTR image = 0, mask = 0, inverted = 0;
     masked.proxy->get_Width(&width);
     masked.proxy->get_Height(&height);
     masked.proxy->get_ImageDC(&image);

@@ -111,7 +111,7 @@ bool use_dib_section(IUnknown* object, long cycle) {
     if (section->Create(16, 8, &made) != S_OK || made != VARIANT_TRUE) return false;
     section->RandomiseBits(VARIANT_TRUE);
     if (section->Resample(6, 10, resampled.put()) != S_OK || !resampled) return false;
-    LONG dc = 0;
+    LONG_PTR dc = 0;
     resampled->get_hdc(&dc);
     if (section->PaintPicture(dc, 0, 0, 10, 6, 0, 0, RasterOpConstants(SRCCOPY)) != S_OK) return false;
     if (cycle % 2) section->ClearUp();  // else the termination step releases it
@@ -165,7 +165,7 @@ HBITMAP masked_bitmap;  // the client's, made once
 
 bool use_masked_bitmap(IUnknown* object, long) {
     com_ptr<_clsBitmap> masked = as<_clsBitmap>(object, IID__clsBitmap);
-    LONG handle = static_cast<LONG>(reinterpret_cast<LONG_PTR>(masked_bitmap)), mask = 0, inverted = 0;
+    LONG_PTR handle = reinterpret_cast<LONG_PTR>(masked_bitmap), mask = 0, inverted = 0;
     VARIANT_BOOL set = VARIANT_FALSE;
     // True every time: the previous instance's image DC let the bitmap go.
     if (masked->SetBitmap(&handle, &set) != S_OK || set != VARIANT_TRUE) return false;

@@ -26,7 +26,7 @@ struct gdi_handle_entry {
 #pragma pack(pop)
 static_assert(sizeof(gdi_handle_entry) == 24, "GDI handle table entry");
 constexpr unsigned gdi_handle_table_size = 0x10000;
-constexpr unsigned peb_gdi_handle_table_offset = 0x94;  // 32-bit PEB
+constexpr unsigned peb_gdi_handle_table_offset = sizeof(void*) == 8 ? 0xF8 : 0x94;  // in the PEB
 
 }  // namespace
 

@@ -1,0 +1,61 @@
+#!/usr/bin/env bash
+# The 32-bit and the 64-bit DLL registered on one 64-bit registry, machine-
+# wide and per user: each process bitness gets its own DLL for every ProgID,
+# and unregistering one leaves the other whole.
+# Leaves the 64-bit DLL registered alone, as it found it.
+# Usage: side_by_side.sh WINE_RUN X86_DLL X64_DLL X86_CLIENT X64_CLIENT
+#                        LIBRARY.types CSCRIPT32 EVERY_CLASS.vbs
+set -u
+run=$1 x86_dll=$2 x64_dll=$3 x86_client=$4 x64_client=$5 cscript32=$7 every_class=$8
+read -r _ _ libid version _ < <(grep '^library ' "$6")
+winpath() { printf 'Z:%s' "$1" | tr / '\\'; }
+regsvr32_x86() { "$run" 'C:\windows\syswow64\regsvr32.exe' /s "$@" "$(winpath "$x86_dll")"; }
+regsvr32_x64() { "$run" regsvr32 /s "$@" "$(winpath "$x64_dll")"; }
+x86_creates() { "$run" "$x86_client" "$(winpath "$x86_dll")"; }
+x64_creates() { "$run" "$x64_client" "$(winpath "$x64_dll")"; }
+user_key() { "$run" reg query "HKCU\\Software\\Classes\\$1" >/dev/null 2>&1; }
+
+failures=0
+expect() {  # expect yes|no WHAT COMMAND...
+    local want=$1 what=$2
+    shift 2
+    local out got=no
+    out=$("$@" 2>&1) && got=yes
+    if [ "$got" != "$want" ]; then
+        failures=$((failures + 1))
+        printf 'FAILED: %s\n%s\n' "$what" "$out"
+    fi
+}
+
+regsvr32_x86 && regsvr32_x64 || { echo "registration failed"; exit 1; }
+expect yes "a 64-bit process creates every class from the 64-bit DLL" x64_creates
+expect yes "a 32-bit process creates every class from the 32-bit DLL" x86_creates
+expect yes "the 32-bit cscript uses every class of the 32-bit DLL" "$cscript32" "$every_class"
+
+regsvr32_x86 /u
+expect yes "the 64-bit DLL stays registered without the 32-bit one" x64_creates
+expect no "the 32-bit DLL is gone from the 32-bit view" x86_creates
+regsvr32_x86
+regsvr32_x64 /u
+expect yes "the 32-bit DLL stays registered without the 64-bit one" x86_creates
+regsvr32_x64
+expect yes "both again" x64_creates
+
+# Per user (DllInstall): each platform's path under the shared library key.
+version_key="TypeLib\\$libid\\$version"
+regsvr32_x86 /n /i:user
+regsvr32_x64 /n /i:user
+expect yes "a per-user win32 path" user_key "$version_key\\0\\win32"
+expect yes "a per-user win64 path" user_key "$version_key\\0\\win64"
+regsvr32_x86 /u /n /i:user
+expect no "the per-user win32 path goes with its DLL" user_key "$version_key\\0\\win32"
+expect yes "the per-user win64 path stays" user_key "$version_key\\0\\win64"
+expect yes "the per-user ProgIDs stay for the 64-bit DLL" user_key "vxTypes32.UserInfo\\Clsid"
+regsvr32_x64 /u /n /i:user
+expect no "nothing of the library stays per user" user_key "TypeLib\\$libid"
+expect no "no per-user ProgID stays" user_key "vxTypes32.UserInfo"
+
+regsvr32_x86 /u
+regsvr32_x64
+[ $failures -eq 0 ] && echo "both DLLs side by side on one registry"
+exit $failures
