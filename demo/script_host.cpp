@@ -27,8 +27,13 @@ using vx::unique_bstr;
 
 namespace {
 
-// The import library lacks this IID.
+// The import library lacks these IIDs; IActiveScriptParse is the 64-bit
+// interface in 64-bit code.
+#if defined(_WIN64)
+constexpr IID active_script_parse_iid = {0xC7EF7658, 0xE1EE, 0x480E, {0x97, 0xEA, 0xD5, 0x2C, 0xB4, 0xD7, 0x6D, 0x17}};
+#else
 constexpr IID active_script_parse_iid = {0xBB1A2AE2, 0xA4F9, 0x11CF, {0x8F, 0x20, 0x00, 0x80, 0x5F, 0x2C, 0xD0, 0x64}};
+#endif
 
 std::string utf8(const std::wstring& text) {
     if (text.empty()) return {};

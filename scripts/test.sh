@@ -1,10 +1,20 @@
 #!/usr/bin/env bash
-# Builds everything and runs every test through CTest.
+# Builds both DLLs and runs every test of each through CTest: the 32-bit
+# tree in its 32-bit prefix, then the 64-bit tree in its 64-bit prefix,
+# where both DLLs also meet on one registry.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${VXTYPES32_BUILD:-$root/build}
+platforms=${VXTYPES32_PLATFORMS:-x86 x64}
 "$root/scripts/build.sh"
 status=0
-ctest --test-dir "$build" --output-on-failure -j "$(nproc)" || status=$?
-WINEPREFIX=$build/wineprefix wineserver -k 2>/dev/null || true
+for platform in $platforms; do
+    tree=$build
+    [ "$platform" = x64 ] && tree=$build/x64
+    echo "== $platform: $tree"
+    ctest --test-dir "$tree" --output-on-failure -j "$(nproc)" || status=$?
+    for prefix in "$tree/wineprefix" "$tree/wineprefix-display"; do
+        WINEPREFIX=$prefix wineserver -k 2>/dev/null || true
+    done
+done
 exit $status
