@@ -6,7 +6,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${VXTYPES32_BUILD:-$root/build}
-VXTYPES32_TARGETS="vxTypes32 vx_manifests" "$root/scripts/build.sh"
+VXTYPES32_PLATFORMS="x86 x64" VXTYPES32_TARGETS="vxTypes32 vx_manifests" "$root/scripts/build.sh"
 
 name=vxTypes32-1.00.0031
 stage=$build/package/$name

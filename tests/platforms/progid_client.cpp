@@ -1,11 +1,17 @@
 // A client of the registered component: creates every class by ProgID,
 // in process, and says which DLL served it. Built for both platforms, so a
 // 32-bit and a 64-bit process can ask one registry for the same ProgIDs.
+// It also prints a fingerprint of results whose bits the contract fixes
+// (resampled pixels, complex arithmetic and its text), which both platforms'
+// DLLs must print alike.
 // Usage: progid_client EXPECTED_DLL_PATH; the exit code counts failures.
 #include "frame/class_table.h"
 #include "frame/handles.h"
 #include "frame/registration.h"
 
+#include "vxTypes32_types.h"
+
+#include <cstdint>
 #include <cstdio>
 #include <string>
 
@@ -21,6 +27,58 @@ std::wstring serving_module(IUnknown* object) {
     wchar_t path[MAX_PATH] = {};
     GetModuleFileNameW(module, path, MAX_PATH);
     return path;
+}
+
+struct fingerprint {
+    std::uint64_t hash = 14695981039346656037ull;  // FNV-1a
+    void add(const void* data, std::size_t size) {
+        for (std::size_t i = 0; i < size; ++i) hash = (hash ^ static_cast<const unsigned char*>(data)[i]) * 1099511628211ull;
+    }
+};
+
+template <class Interface>
+vx::com_ptr<Interface> make(const wchar_t* prog_id, REFIID iid) {
+    CLSID clsid{};
+    vx::com_ptr<Interface> object;
+    if (SUCCEEDED(CLSIDFromProgID(prog_id, &clsid)))
+        CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, iid, object.put_void());
+    return object;
+}
+
+void add_resampled(fingerprint& print, LONG width, LONG height, LONG new_width, LONG new_height) {
+    auto source = make<_cDIBSection>(L"vxTypes32.cDIBSection", IID__cDIBSection);
+    VARIANT_BOOL made = VARIANT_FALSE;
+    if (!source || FAILED(source->Create(width, height, &made)) || !made) return print.add("no source", 9);
+    LONG stride = 0;
+    LONG_PTR bits = 0;
+    source->get_BytesPerScanLine(&stride);
+    source->get_DIBSectionBitsPtr(&bits);
+    auto* pixels = reinterpret_cast<unsigned char*>(bits);
+    for (LONG i = 0; i < stride * height; ++i) pixels[i] = static_cast<unsigned char>(i * 7919 % 251);
+    vx::com_ptr<_cDIBSection> result;
+    if (FAILED(source->Resample(new_height, new_width, result.put())) || !result) return print.add("no result", 9);
+    result->get_BytesPerScanLine(&stride);
+    result->get_DIBSectionBitsPtr(&bits);
+    print.add(reinterpret_cast<const void*>(bits), static_cast<std::size_t>(stride) * new_height);
+}
+
+void add_complex(fingerprint& print, double real, double imaginary) {
+    auto z = make<_CComplexNumber>(L"vxTypes32.CComplexNumber", IID__CComplexNumber);
+    if (!z) return print.add("no number", 9);
+    vx::com_ptr<_CComplexNumber> same, quotient, reciprocal;
+    z->Init(&real, &imaginary, same.put());
+    double parts[3] = {};
+    if (SUCCEEDED(z->Divide2(&imaginary, &real, quotient.put())) && quotient) {
+        quotient->get_Real(&parts[0]);
+        quotient->get_Imaginary(&parts[1]);
+    }
+    z->Magnitude(&parts[2]);
+    print.add(parts, sizeof parts);
+    if (SUCCEEDED(z->Reciprocal(reciprocal.put())) && reciprocal) {
+        vx::unique_bstr text;
+        reciprocal->Text(text.put());
+        print.add(text.get(), text.length() * sizeof(wchar_t));
+    }
 }
 
 }  // namespace
@@ -47,6 +105,13 @@ int wmain(int argc, wchar_t** argv) {
         std::printf("%-30ls %s 0x%08lX %ls\n", id.c_str(), own ? "ok  " : "FAIL", static_cast<unsigned long>(hr),
                     served.c_str());
     }
+    fingerprint print;
+    add_resampled(print, 37, 23, 61, 50);
+    add_resampled(print, 640, 48, 33, 17);
+    add_resampled(print, 2, 2, 9, 11);
+    for (double x : {0.1, 1.9, 1.000001, -3e150, 7.25e-200, 12345.678})
+        for (double y : {0.3, -2.5, 1e154, 6.02e23}) add_complex(print, x, y);
+    std::printf("fingerprint %016llx\n", static_cast<unsigned long long>(print.hash));
     CoUninitialize();
     return failures;
 }

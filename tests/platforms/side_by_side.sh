@@ -30,6 +30,11 @@ expect() {  # expect yes|no WHAT COMMAND...
 regsvr32_x86 && regsvr32_x64 || { echo "registration failed"; exit 1; }
 expect yes "a 64-bit process creates every class from the 64-bit DLL" x64_creates
 expect yes "a 32-bit process creates every class from the 32-bit DLL" x86_creates
+# The same bits from both: resampled pixels, complex results and text.
+x64_print=$(x64_creates | grep '^fingerprint')
+x86_print=$(x86_creates | grep '^fingerprint')
+expect yes "both DLLs compute the same bits ($x64_print, $x86_print)" \
+    test -n "$x64_print" -a "$x64_print" = "$x86_print"
 expect yes "the 32-bit cscript uses every class of the 32-bit DLL" "$cscript32" "$every_class"
 
 regsvr32_x86 /u
