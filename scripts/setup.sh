@@ -5,6 +5,7 @@
 set -euo pipefail
 
 packages=(wine wine32:i386 wine64 libwine-dev gcc-mingw-w64-i686 g++-mingw-w64-i686
+          g++-mingw-w64-i686-win32 g++-mingw-w64-i686-posix
           binutils-mingw-w64-i686 mingw-w64-tools cmake googletest
           python3 xvfb xauth)
 
