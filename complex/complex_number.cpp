@@ -6,8 +6,8 @@
 #include <cstring>
 #include <string>
 
-// The results depend on the x87's extended format for intermediates and on
-// its exception flags for the errors; the build compiles this file with
+// The results depend on the x87's wide exponent range for intermediates and
+// on its exception flags for the errors; the build compiles this file with
 // -mfpmath=387 and must not relax IEEE semantics.
 #if !defined(__i386__) && !defined(__x86_64__)
 #error "complex_number.cpp is written for the x87 of x86 and x86-64"
@@ -20,7 +20,7 @@ namespace vx {
 
 namespace {
 
-using extended = long double;  // the x87's 80-bit format
+using extended = long double;  // the x87's 80-bit format, its range at least
 static_assert(sizeof(extended) > sizeof(double), "long double must be the x87 extended format");
 
 LCID text_locale = LOCALE_USER_DEFAULT;
@@ -35,8 +35,11 @@ constexpr unsigned short x87_invalid = 0x01;
 constexpr unsigned short x87_zero_divide = 0x04;
 constexpr unsigned short x87_overflow = 0x08;
 
-// 64-bit precision, rounding to nearest, every exception masked.
-constexpr unsigned short arithmetic_control_word = 0x037F;
+// 53-bit precision, as compiled code of the platform runs, keeping the wide
+// exponent range; rounding to nearest; every exception masked. The precision
+// is a Double's so that a numerator rounds exactly as the divisor s does:
+// with 64 bits, a·a + b·b kept bits that s had lost, and z / z missed 1.
+constexpr unsigned short arithmetic_control_word = 0x027F;
 
 // The 28-byte layout that fnstenv stores, in 32-bit and in 64-bit mode.
 struct x87_environment {
@@ -169,7 +172,7 @@ double sum_of_powers(double x, double y, const wchar_t* source) {
     return checked_sum_of_squares(values, sum, source);
 }
 
-// Divide2 multiplies each part by itself, in extended precision.
+// Divide2 multiplies each part by itself, in the x87's range.
 double sum_of_products(double x, double y, const wchar_t* source) {
     terms values;
     values.w = values.x = x;

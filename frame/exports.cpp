@@ -1,13 +1,19 @@
 // The DLL's entry point and its four exports.
 #include "frame/class_factory.h"
 #include "frame/class_table.h"
+#include "frame/compiler_runtime.h"
 #include "frame/module.h"
 #include "frame/registration.h"
 #include "frame/type_library.h"
 
-// Loading the DLL runs none of the component's code: the entry point only
-// agrees.
-extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD, LPVOID) { return TRUE; }
+// Loading the DLL runs none of the component's code. An ending thread and
+// the freed DLL give back what the compiler's runtime took for them; at
+// process exit (reserved set) the process takes everything back itself.
+extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID reserved) {
+    if (reason == DLL_THREAD_DETACH) vx::compiler_runtime::thread_ending();
+    if (reason == DLL_PROCESS_DETACH && !reserved) vx::compiler_runtime::dll_freed();
+    return TRUE;
+}
 
 // The class object of a class in the table, queried for iid.
 extern "C" HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID clsid, REFIID iid, void** object) {

@@ -31,7 +31,15 @@ std::wstring file_path() {
 void object_created() { InterlockedIncrement(&live_objects); }
 void object_destroyed() { InterlockedDecrement(&live_objects); }
 void lock() { InterlockedIncrement(&server_locks); }
-void unlock() { InterlockedDecrement(&server_locks); }
+// An unmatched unlock leaves the count at zero: below it, the DLL could not
+// be unloaded until some other lock balanced it.
+void unlock() {
+    for (LONG count = server_locks; count > 0;) {
+        const LONG seen = InterlockedCompareExchange(&server_locks, count - 1, count);
+        if (seen == count) return;
+        count = seen;
+    }
+}
 bool in_use() { return live_objects != 0 || server_locks != 0; }
 
 }  // namespace vx::module

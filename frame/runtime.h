@@ -178,14 +178,21 @@ private:
     message_box_handler previous_;
 };
 
-// ---- Late-bound read -------------------------------------------------------------
+// ---- Late-bound calls -------------------------------------------------------------
+
+// Raises what an object reported through EXCEPINFO when its Invoke failed
+// with DISP_E_EXCEPTION: the wCode, or else the scode, or else (an object
+// that names no error still failed) DISP_E_EXCEPTION itself; its source or
+// else the one given; its description or else the runtime's for the number,
+// or "Automation error". Fills the EXCEPINFO in first when the object
+// deferred it, and leaves it empty, its strings freed.
+[[noreturn]] void raise_exception_info(EXCEPINFO& exception, const wchar_t* source = runtime_error_source);
 
 // Reads the object's default property (DISPID 0) with IDispatch::Invoke,
 // DISPATCH_PROPERTYGET and no arguments, into result (cleared first). A
 // null object raises 91. A failed Invoke raises its error: for
-// DISP_E_EXCEPTION the EXCEPINFO's wCode, or else its scode, with its source
-// and description (filled in first when the object deferred them); for any
-// other failure the HRESULT as raise_hresult gives it.
+// DISP_E_EXCEPTION as raise_exception_info gives it; for any other failure
+// the HRESULT as raise_hresult gives it.
 void read_default_property(IDispatch* object, unique_variant& result,
                            const wchar_t* source = runtime_error_source);
 

@@ -36,7 +36,9 @@ std::uint64_t next_random_word() {
     return z ^ (z >> 31);
 }
 
-[[noreturn]] void raise_exception_info(EXCEPINFO& exception, const wchar_t* source) {
+}  // namespace
+
+void raise_exception_info(EXCEPINFO& exception, const wchar_t* source) {
     if (exception.pfnDeferredFillIn) exception.pfnDeferredFillIn(&exception);
     const unique_bstr error_source(exception.bstrSource);
     const unique_bstr description(exception.bstrDescription);
@@ -44,14 +46,13 @@ std::uint64_t next_random_word() {
     // An object that names no error at all still failed.
     const long number = exception.wCode != 0 ? exception.wCode
                         : error_number_from_hresult(exception.scode != 0 ? exception.scode : DISP_E_EXCEPTION);
+    exception = EXCEPINFO{};
     std::wstring text(description.get(), description.length());
     if (text.empty()) text = standard_error_description(number);
     if (text.empty()) text = L"Automation error";
     raise_error(number, error_source.length() ? std::wstring(error_source.get(), error_source.length()) : source,
                 text);
 }
-
-}  // namespace
 
 float time_of_day() {
     const time_of_day_source clock = replaced_clock.load();

@@ -5,8 +5,9 @@
 set -euo pipefail
 
 packages=(wine wine32:i386 wine64 libwine-dev gcc-mingw-w64-i686 g++-mingw-w64-i686
-          binutils-mingw-w64-i686 gcc-mingw-w64-x86-64-posix g++-mingw-w64-x86-64-posix
-          binutils-mingw-w64-x86-64 mingw-w64-tools cmake googletest
+          g++-mingw-w64-i686-win32 g++-mingw-w64-i686-posix binutils-mingw-w64-i686
+          g++-mingw-w64-x86-64-win32 g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64
+          mingw-w64-tools cmake googletest
           python3 xvfb xauth)
 
 missing=()

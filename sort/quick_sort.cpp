@@ -18,15 +18,8 @@ constexpr long seconds_per_day = 86400;
 
 // A handler's failure ends the sort with that handler's error.
 [[noreturn]] __attribute__((noinline, cold)) void raise_event_failure(HRESULT failure, EXCEPINFO& exception) {
-    if (failure != DISP_E_EXCEPTION) raise_hresult(failure, sort_source);
-    if (exception.pfnDeferredFillIn) exception.pfnDeferredFillIn(&exception);
-    const long number = exception.wCode ? exception.wCode : error_number_from_hresult(exception.scode);
-    unique_bstr source(exception.bstrSource), description(exception.bstrDescription), help(exception.bstrHelpFile);
-    exception = EXCEPINFO{};
-    if (!description.length())
-        raise_error(number, source.length() ? std::wstring(source.get(), source.length()) : sort_source);
-    raise_error(number, source.length() ? std::wstring(source.get(), source.length()) : sort_source,
-                std::wstring(description.get(), description.length()));
+    if (failure == DISP_E_EXCEPTION) raise_exception_info(exception, sort_source);
+    raise_hresult(failure, sort_source);
 }
 
 // The two events of one sort, their argument lists made once and the

@@ -19,13 +19,15 @@ are ignored, and every block is closed by a line `end`.
 
   library NAME {LIBID} MAJOR.MINOR lcid N names_lcid N
 
-  import NAME {LIBID} MAJOR.MINOR lcid N file stdole2.tlb|standin
+  import NAME {LIBID} MAJOR.MINOR lcid N file HINT [standin]
       interface NAME {IID}
       enum NAME {GUID}
           MEMBER = VALUE          (optional; written into a stand-in library)
   end
-      A library this one refers to. `file standin` means the build writes
-      a library with that identity itself (see typelib_writer standin).
+      A library this one refers to; HINT is the file name written for it
+      (stdole2.tlb, msvbvm60.dll\3). `standin` means the build writes a
+      library with that identity itself and resolves the import with it
+      (see typelib_writer standin); the hint still names the real one.
 
   order
       NAME NAME ...               index order; undescribed names are skipped
@@ -156,6 +158,7 @@ class Import:
     def __init__(self, name, guid, version, lcid, file, where):
         self.name, self.guid, self.version, self.lcid = name, guid, version, lcid
         self.file, self.where = file, where
+        self.standin = False     # resolved at build time by a library of our own
         self.types = {}          # name -> ImportedType
 
 
@@ -390,11 +393,12 @@ def parse_header(lib, line, words, where, path):
         return
     if head == 'import':
         m = re.match(r'^import\s+' + NAME_RE + r'\s+' + GUID_RE + r'\s+' + VERSION_RE +
-                     r'\s+lcid\s+' + NUMBER_RE + r'\s+file\s+(\S+)$', line)
+                     r'\s+lcid\s+' + NUMBER_RE + r'\s+file\s+(\S+)(\s+standin)?$', line)
         if not m:
             fail(where, 'bad import line')
         imp = Import(m.group(1), m.group(2).upper(), (int(m.group(3)), int(m.group(4))),
                      number(m.group(5)), m.group(6), where)
+        imp.standin = m.group(7) is not None
         lib.imports.append(imp)
         lib._opened = ('import', imp)
         return
@@ -611,7 +615,7 @@ def check(lib):
         if t.kind == 'record':
             layout(lib, t)
     for imp in lib.imports:
-        if imp.file != 'standin' and any(it.constants for it in imp.types.values()):
+        if not imp.standin and any(it.constants for it in imp.types.values()):
             fail(imp.where, 'constants are written only into a stand-in library')
 
 
@@ -1057,9 +1061,9 @@ def emit_model(w, lib, prefix, types, imports):
             t.flags, e['first_func'], e['funcs'], e['first_var'], e['vars'], e['first_impl'],
             e['impls'], e['alias'], e['size'], e['alignment']))
     w('};')
-    array('imports', 'import_entry', ['{%s, %s, %d, %d, 0x%X, %s}' % (
+    array('imports', 'import_entry', ['{%s, %s, %d, %d, 0x%X, %s, %s}' % (
         cpp_string(i.name), guid_init(i.guid), i.version[0], i.version[1], i.lcid,
-        'true' if i.file == 'standin' else 'false') for i in imports])
+        'true' if i.standin else 'false', cpp_string(i.file)) for i in imports])
 
 
 def emit_tables(lib):
@@ -1078,7 +1082,7 @@ def emit_tables(lib):
     w('    library_nodes, library_bounds, library_references, library_imports, %d};'
       % len(lib.imports))
     w('')
-    standins = [i for i in lib.imports if i.file == 'standin']
+    standins = [i for i in lib.imports if i.standin]
     if len(standins) > 1:
         raise DescriptionError('only one stand-in library is supported')
     for imp in standins:

@@ -6,8 +6,18 @@
 //   offsets       one INT per type info: its place in segment 0
 //   segments      15 x {offset, length, -1, 0x0F}; segment 0 holds the
 //                 type infos, 0x64 bytes each:
-//                   0x04 offset of the member block, 0x18 cFuncs | cVars << 16,
+//                   0x04 file offset of the member block, 0x18 cFuncs | cVars << 16,
 //                   0x4E cbSizeVft (INT16), 0x50 cbSizeInstance, 0x54 datatype1
+//                 segment 1 the imported types, 12 bytes each:
+//                   0x04 the offset of their library's entry in segment 2
+//                 segment 2 the imported libraries, one entry each:
+//                   0x00 offset of the LIBID in segment 5 (the GUIDs, 24
+//                   bytes each), 0x04 lcid, 0x08 version, 0x0C the length of
+//                   the file name << 2 | flags (INT16), then the name,
+//                   padded to 4 bytes
+//                 Offsets into segments count from the segment's start; only
+//                 those of the segments themselves and of member blocks
+//                 count from the start of the file.
 //   member block  INT length, then the function records one after another;
 //                 a record starts with its size in the low word, holds
 //                   0x10 FKCCIC (0x1000: the parameters carry defaults),
@@ -19,6 +29,7 @@
 // shifted left by 26, and the value in the low bits.
 #include "tools/msft_patch.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -72,6 +83,18 @@ public:
     }
     void put32(size_t offset, uint32_t v) { std::memcpy(&bytes_[offset], &v, 4); }
     void put16(size_t offset, uint16_t v) { std::memcpy(&bytes_[offset], &v, 2); }
+    std::string text(size_t offset, size_t length) const {
+        return fits(offset, length) ? std::string(bytes_.begin() + offset, bytes_.begin() + offset + length) : std::string();
+    }
+    GUID guid(size_t offset) const {
+        GUID g{};
+        if (fits(offset, sizeof g)) std::memcpy(&g, &bytes_[offset], sizeof g);
+        return g;
+    }
+    void replace(size_t offset, size_t length, const std::vector<unsigned char>& with) {
+        bytes_.erase(bytes_.begin() + offset, bytes_.begin() + offset + length);
+        bytes_.insert(bytes_.begin() + offset, with.begin(), with.end());
+    }
 
     static bool fail(std::string* problem, const std::string& what) {
         if (problem) *problem = what;
@@ -82,9 +105,13 @@ private:
     std::vector<unsigned char> bytes_;
 };
 
-// Where each type info of the file lies.
+// Where each type info of the file lies, and the segment directory.
 struct layout {
     std::vector<size_t> typeinfos;
+    size_t segments = 0;
+
+    size_t segment(const image& file, int index) const { return file.u32(segments + 16 * index); }
+    size_t segment_length(const image& file, int index) const { return file.u32(segments + 16 * index + 4); }
 
     bool read(const image& file, int expected_types, std::string* problem) {
         if (!file.fits(0, header_size) || file.u32(0) != 0x5446534D || file.u32(4) != 0x00010002)
@@ -93,8 +120,8 @@ struct layout {
         if (static_cast<int>(count) != expected_types)
             return image::fail(problem, "holds " + std::to_string(count) + " types, not " + std::to_string(expected_types));
         size_t offsets = header_size + ((file.u32(0x14) & help_dll_flag) ? 4 : 0);
-        const size_t segments = offsets + 4 * size_t{count};
-        if (!file.fits(offsets, 4 * size_t{count} + 16)) return image::fail(problem, "truncated header");
+        segments = offsets + 4 * size_t{count};
+        if (!file.fits(offsets, 4 * size_t{count} + 15 * 16)) return image::fail(problem, "truncated header");
         const size_t segment0 = file.u32(segments);
         const size_t segment0_length = file.u32(segments + 4);
         for (uint32_t i = 0; i < count; ++i) {
@@ -193,6 +220,92 @@ bool correct_boolean_defaults(image& file, size_t base, const library_entry& lib
     return true;
 }
 
+constexpr int imported_types_segment = 1, imported_files_segment = 2, guids_segment = 5;
+
+// One library's entry in the imported libraries' segment.
+struct import_file {
+    size_t at;          // in the segment
+    std::string fixed;  // LIBID offset, lcid and version, as stored
+    GUID libid;
+    uint16_t flags;     // the low bits of the name's length word
+    std::string name;
+};
+
+bool read_import_files(const image& file, const layout& places, std::vector<import_file>& entries,
+                       std::string* problem) {
+    const size_t start = places.segment(file, imported_files_segment);
+    const size_t length = places.segment_length(file, imported_files_segment);
+    if (length == 0) return true;
+    if (!file.fits(start, length)) return image::fail(problem, "the imported libraries lie outside the file");
+    for (size_t at = 0; at < length;) {
+        const size_t name_length = file.u16(start + at + 12) >> 2;
+        if (at + 14 + name_length > length) return image::fail(problem, "a truncated imported library");
+        entries.push_back({at, file.text(start + at, 12),
+                           file.guid(places.segment(file, guids_segment) + file.u32(start + at)),
+                           static_cast<uint16_t>(file.u16(start + at + 12) & 3),
+                           file.text(start + at + 14, name_length)});
+        at = (at + 14 + name_length + 3) & ~size_t{3};
+    }
+    return true;
+}
+
+const import_entry* described_import(const library_entry& library, const GUID& libid) {
+    for (int i = 0; i < library.import_count; ++i)
+        if (IsEqualGUID(library.imports[i].libid, libid)) return &library.imports[i];
+    return nullptr;
+}
+
+// The writer names an import by the file it was loaded from, which for the
+// VB runtime's is our stand-in; the description gives the real file.
+bool correct_import_files(image& file, const layout& places, const library_entry& library, std::string* problem) {
+    std::vector<import_file> entries;
+    if (!read_import_files(file, places, entries, problem)) return false;
+    bool renamed = false;
+    for (import_file& entry : entries) {
+        const import_entry* described = described_import(library, entry.libid);
+        if (!described) return image::fail(problem, "imports a library not described: " + entry.name);
+        renamed |= entry.name != narrow(described->file);
+        entry.name = narrow(described->file);
+    }
+    if (!renamed) return true;
+
+    std::vector<unsigned char> segment;
+    std::vector<std::pair<size_t, size_t>> moved;  // an entry's offset before and after
+    for (const import_file& entry : entries) {
+        moved.emplace_back(entry.at, segment.size());
+        segment.insert(segment.end(), entry.fixed.begin(), entry.fixed.end());
+        const auto word = static_cast<uint16_t>(entry.name.size() << 2 | entry.flags);
+        segment.push_back(static_cast<unsigned char>(word & 0xFF));
+        segment.push_back(static_cast<unsigned char>(word >> 8));
+        segment.insert(segment.end(), entry.name.begin(), entry.name.end());
+        segment.resize((segment.size() + 3) & ~size_t{3}, 0);
+    }
+    const size_t start = places.segment(file, imported_files_segment);
+    const size_t length = places.segment_length(file, imported_files_segment);
+    const uint32_t shift = static_cast<uint32_t>(segment.size() - length);  // modulo 2^32, as the offsets
+    // What lies after the segment moves: the segments, and the member blocks
+    // that type infos find by file offset.
+    for (int i = 0; i < 15; ++i) {
+        const uint32_t offset = file.u32(places.segments + 16 * i);
+        if (offset != 0xFFFFFFFFu && offset >= start + length) file.put32(places.segments + 16 * i, offset + shift);
+    }
+    file.put32(places.segments + 16 * imported_files_segment + 4, static_cast<uint32_t>(segment.size()));
+    for (const size_t info : places.typeinfos) {
+        const uint32_t block = file.u32(info + 0x04);
+        if (block != 0xFFFFFFFFu && block >= start + length) file.put32(info + 0x04, block + shift);
+    }
+    // Imported types name their library by its entry's offset.
+    const size_t types = places.segment(file, imported_types_segment);
+    for (size_t at = types; at + 12 <= types + places.segment_length(file, imported_types_segment); at += 12) {
+        const uint32_t entry = file.u32(at + 4);
+        const auto found = std::find_if(moved.begin(), moved.end(), [&](const auto& m) { return m.first == entry; });
+        if (found == moved.end()) return image::fail(problem, "an imported type names no imported library");
+        file.put32(at + 4, static_cast<uint32_t>(found->second));
+    }
+    file.replace(start, length, segment);
+    return true;
+}
+
 bool has_true_default(const library_entry& library, const type_entry& type) {
     for (int f = 0; f < type.funcs; ++f) {
         const func_entry& func = library.funcs[type.first_func + f];
@@ -222,6 +335,8 @@ bool correct_file(const std::wstring& path, const library_entry& library, std::s
             ok = correct_boolean_defaults(file, base, library, type, problem);
         if (!ok) return false;
     }
+    // Last: it moves what follows the imported libraries.
+    if (!correct_import_files(file, places, library, problem)) return false;
     return file.save(path, problem);
 }
 
@@ -233,6 +348,16 @@ bool check_file(const std::wstring& path, const library_entry& library, std::str
         return image::fail(problem, "names locale " + hex(file.u32(0x0C)) + ", expected " + hex(library.names_lcid));
     if (file.u32(0x10) != library.lcid)
         return image::fail(problem, "library locale " + hex(file.u32(0x10)) + ", expected " + hex(library.lcid));
+    std::vector<import_file> entries;
+    if (!read_import_files(file, places, entries, problem)) return false;
+    if (entries.size() != static_cast<size_t>(library.import_count))
+        return image::fail(problem, "imports " + std::to_string(entries.size()) + " libraries, not " +
+                                        std::to_string(library.import_count));
+    for (const import_file& entry : entries) {
+        const import_entry* described = described_import(library, entry.libid);
+        if (!described || entry.name != narrow(described->file))
+            return image::fail(problem, "imports " + entry.name + ", which the description does not name");
+    }
     return true;
 }
 

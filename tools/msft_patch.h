@@ -12,7 +12,8 @@ namespace msft {
 // file is not laid out as expected.
 bool correct_file(const std::wstring& path, const typelib_model::library_entry& library, std::string* problem);
 
-// Checks the facts that the reading API does not show (the names locale).
+// Checks the facts that the reading API does not show: the names locale and
+// the file names of the imported libraries.
 bool check_file(const std::wstring& path, const typelib_model::library_entry& library, std::string* problem);
 
 }  // namespace msft

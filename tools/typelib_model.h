@@ -92,6 +92,7 @@ struct import_entry {
     WORD major, minor;
     LCID lcid;
     bool standin;       // written by this build, loaded by path
+    const wchar_t* file;  // the file name written for it
 };
 
 struct library_entry {

@@ -102,6 +102,10 @@ TEST(Unloading, WaitsForEveryInstanceAndLock) {
     EXPECT_EQ(S_FALSE, dll().can_unload_now()) << "one lock left";
     EXPECT_EQ(S_OK, factory->LockServer(FALSE));
     EXPECT_EQ(S_OK, dll().can_unload_now()) << "all locks released";
+    EXPECT_EQ(S_OK, factory->LockServer(FALSE));
+    EXPECT_EQ(S_OK, factory->LockServer(TRUE));
+    EXPECT_EQ(S_FALSE, dll().can_unload_now()) << "a lock after an unmatched unlock";
+    EXPECT_EQ(S_OK, factory->LockServer(FALSE));
 }
 
 TEST(Identity, EachClassAnswersForItsOwnInterfacesOnly) {

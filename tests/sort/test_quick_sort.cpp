@@ -317,6 +317,8 @@ TEST(QuickSortErrors, AFailingHandlerEndsTheSortWithItsError) {
         {"raised without source", DISP_E_EXCEPTION, 11, 0, nullptr, nullptr, automation_error_number(11),
          L"clsQuickSort.Sort", L"Division by zero"},
         {"plain failure", E_FAIL, 0, 0, nullptr, nullptr, E_FAIL, L"clsQuickSort.Sort", L"Automation error"},
+        {"raised nothing", DISP_E_EXCEPTION, 0, 0, nullptr, nullptr, DISP_E_EXCEPTION, L"clsQuickSort.Sort",
+         L"Automation error"},
     };
     for (const case_& c : cases) {
         auto fail_first_swap = [&](DISPID id, LONG, LONG, SHORT*, EXCEPINFO* exception) -> HRESULT {
