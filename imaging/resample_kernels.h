@@ -1,0 +1,54 @@
+// The resampler's inner loops, one set per code path. Every loop here works
+// with whole weights only: a blend of a and b with fraction F / 2^23 is
+//     a + round((F * (b - a)) / 2^23), halves to even,
+// which is exact in 32-bit integers and equals the formula's double blend
+// (a half going to the even whole number of the sum).
+// The weights themselves, and blends that the integers cannot hold, are
+// resample.cpp's.
+#pragma once
+
+#include <cstdint>
+
+namespace vx::resampling {
+
+constexpr int fraction_bits = 23;
+
+// A tie, F * d an odd multiple of 2^22 with |d| <= 255, needs F to be a
+// multiple of 2^15; for other fractions halves cannot occur and plain
+// rounding up at one half is the same as rounding to even.
+constexpr std::int32_t tie_free_bits = 0x7FFF;
+inline bool ties_possible(std::int32_t fraction) { return fraction != 0 && (fraction & tie_free_bits) == 0; }
+
+struct kernels {
+    // out[i] = blend(near_line[i], far_line[i]) for i < count bytes.
+    void (*blend_lines)(const std::uint8_t* near_line, const std::uint8_t* far_line, std::uint8_t* out,
+                        long count, std::int32_t fraction);
+    // For each column k < count: the 6 bytes of source pixels p and p + 1,
+    // p at byte offset source_offsets[k] of both lines, blended into
+    // out[6k .. 6k + 5]. A column whose offset + 8 exceeds `line_bytes` is
+    // read no further than its 6 bytes.
+    void (*blend_pairs)(const std::uint8_t* near_line, const std::uint8_t* far_line, const std::int32_t* source_offsets,
+                        long count, long line_bytes, std::uint8_t* out, std::int32_t fraction);
+    // For each column k < count: the pixel at blended + offsets[k] and the
+    // one after it, blended with fractions[k] into the 3 bytes out[3k ..].
+    // Reads up to 16 bytes from each offset; writes nothing beyond the
+    // count's pixels. ties[k] is ties_possible(fractions[k]), read 8 at a
+    // time (7 bytes of slack past the count).
+    void (*blend_columns)(const std::uint8_t* blended, const std::int32_t* offsets, const std::int32_t* fractions,
+                          const std::uint8_t* ties, long count, std::uint8_t* out);
+};
+
+const kernels& scalar_kernels();
+const kernels& sse2_kernels();
+const kernels& avx2_kernels();
+
+// The scalar blend, for the loops' ends. A half goes to the even whole
+// number of a + F (b - a) / 2^23, so the parity is that of the sum.
+inline std::uint8_t blend_whole(std::int32_t a, std::int32_t b, std::int32_t fraction) {
+    const std::int32_t product = fraction * (b - a);
+    // Arithmetic shift: floor division, so the rounding holds below zero.
+    const std::int32_t odd = ((product >> fraction_bits) + a) & 1;
+    return static_cast<std::uint8_t>(a + ((product + ((1 << (fraction_bits - 1)) - 1) + odd) >> fraction_bits));
+}
+
+}  // namespace vx::resampling
