@@ -176,7 +176,7 @@ void scalar_blend_pairs(const std::uint8_t* near_line, const std::uint8_t* far_l
 }
 
 void scalar_blend_columns(const std::uint8_t* blended, const std::int32_t* offsets, const std::int32_t* fractions,
-                          const std::uint8_t*, long count, std::uint8_t* out) {
+                          const std::uint8_t*, const void*, long count, std::uint8_t* out) {
     for (long k = 0; k < count; ++k, out += 3) {
         const std::uint8_t* pixel = blended + offsets[k];
         const std::int32_t fraction = fractions[k];
@@ -188,7 +188,7 @@ void scalar_blend_columns(const std::uint8_t* blended, const std::int32_t* offse
 
 // ---- Strips -----------------------------------------------------------------
 
-constexpr long strip_columns = 512;
+constexpr long strip_columns = most_columns_per_call;
 // Leading columns with exact weights (positions below 1) per strip.
 constexpr long strip_exact_columns = 64;
 // Blend all source pixels of a strip when the scale is at most this;
@@ -215,6 +215,7 @@ struct strip {
     std::int32_t fractions[strip_columns];
     std::uint8_t ties[strip_columns + 8];
     axis_weight exact[strip_exact_columns];
+    std::uint8_t column_plan[column_plan_bytes];
 };
 
 // The columns from `first` on that one strip takes, with their weights.
@@ -247,6 +248,8 @@ void lay_out_strip(const plan& p, long first, strip& s) {
     for (long k = 0; k < s.count; ++k)
         s.offsets[k] = s.dense ? s.source_offsets[k] - static_cast<std::int32_t>(3 * index_first)
                                : static_cast<std::int32_t>(6 * k);
+    const long e = s.exact_count;
+    if (p.loops->plan_columns) p.loops->plan_columns(s.offsets + e, s.fractions + e, s.count - e, s.column_plan);
 }
 
 // Destination scan lines [first_line, end_line) of one strip.
@@ -286,7 +289,8 @@ void resample_strip(const plan& p, const strip& s, long first_line, long end_lin
             for (int c = 0; c < 3; ++c) out[3 * k + c] = blend(s.exact[k], pixel[c], pixel[3 + c]);
         }
         const long k = s.exact_count;
-        loops.blend_columns(blended, s.offsets + k, s.fractions + k, s.ties + k, s.count - k, out + 3 * k);
+        loops.blend_columns(blended, s.offsets + k, s.fractions + k, s.ties + k, s.column_plan, s.count - k,
+                            out + 3 * k);
     }
 }
 
@@ -405,7 +409,7 @@ const kernels& kernels_for(resample_path path) {
 }  // namespace
 
 const kernels& resampling::scalar_kernels() {
-    static const kernels loops{scalar_blend_lines, scalar_blend_pairs, scalar_blend_columns};
+    static const kernels loops{scalar_blend_lines, scalar_blend_pairs, nullptr, scalar_blend_columns};
     return loops;
 }
 

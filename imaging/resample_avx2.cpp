@@ -81,55 +81,136 @@ VX_AVX2 void avx2_blend_pairs(const std::uint8_t* a, const std::uint8_t* b, cons
     }
 }
 
-// Two pixels per register, one in each 128-bit half: the near pixel's
-// channels in three lanes, the far pixel's in another register alike.
-template <bool Ties>
-VX_AVX2 inline __m256i blended_pixels(const std::uint8_t* first, const std::uint8_t* second, __m256i fractions) {
-    const __m256i near_order = _mm256_setr_epi8(0, -1, -1, -1, 1, -1, -1, -1, 2, -1, -1, -1, -1, -1, -1, -1,
-                                                0, -1, -1, -1, 1, -1, -1, -1, 2, -1, -1, -1, -1, -1, -1, -1);
-    const __m256i far_order = _mm256_setr_epi8(3, -1, -1, -1, 4, -1, -1, -1, 5, -1, -1, -1, -1, -1, -1, -1,
-                                               3, -1, -1, -1, 4, -1, -1, -1, 5, -1, -1, -1, -1, -1, -1, -1);
-    const __m256i window = _mm256_inserti128_si256(
-        _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(first))),
-        _mm_loadu_si128(reinterpret_cast<const __m128i*>(second)), 1);
-    return blended<Ties>(_mm256_shuffle_epi8(window, near_order), _mm256_shuffle_epi8(window, far_order), fractions);
+// What blend_columns works out once per strip, for each block of 8
+// columns: the fractions of its lanes and, where each half block's 4
+// pixels lie within 16 bytes of the blended line, the byte orders that
+// fetch all their channels from one load.
+struct block_plan {
+    std::int32_t fractions[4][8];
+    std::uint8_t order[3][32];
+};
+
+struct column_plan {
+    std::uint8_t windowed[most_columns_per_call / 8];
+    block_plan blocks[most_columns_per_call / 8];
+};
+static_assert(sizeof(column_plan) <= column_plan_bytes, "the strip keeps room for the plan");
+
+void avx2_plan_columns(const std::int32_t* offsets, const std::int32_t* fractions, long count, void* memory) {
+    column_plan& plan = *static_cast<column_plan*>(memory);
+    for (long b = 0; 8 * b + 8 <= count; ++b) {
+        const std::int32_t* at = offsets + 8 * b;
+        const std::int32_t* fraction = fractions + 8 * b;
+        block_plan& block = plan.blocks[b];
+        // Offsets only grow; a half's last pair ends 6 bytes after its offset.
+        const bool windowed = at[3] - at[0] + 6 <= 16 && at[7] - at[4] + 6 <= 16;
+        plan.windowed[b] = windowed ? 1 : 0;
+        if (windowed) {
+            // Register j, half h, lane l: output byte 12h + 4j + l of the block.
+            for (int j = 0; j < 3; ++j)
+                for (int h = 0; h < 2; ++h)
+                    for (int l = 0; l < 4; ++l) {
+                        const int byte = 12 * h + 4 * j + l, pixel = byte / 3;
+                        block.fractions[j][4 * h + l] = fraction[pixel];
+                        std::uint8_t* order = &block.order[j][16 * h + 4 * l];
+                        order[0] = static_cast<std::uint8_t>(at[pixel] - at[4 * h] + byte % 3);
+                        order[1] = order[2] = order[3] = 0x80;
+                    }
+        } else {
+            // Register j: pixel j in the low half, pixel j + 4 in the high.
+            for (int j = 0; j < 4; ++j)
+                for (int l = 0; l < 4; ++l) {
+                    block.fractions[j][l] = fraction[j];
+                    block.fractions[j][4 + l] = fraction[j + 4];
+                }
+        }
+    }
 }
 
-template <bool Ties>
-VX_AVX2 inline void blend_8_columns(const std::uint8_t* blended, const std::int32_t* offsets,
-                                    const std::int32_t* fractions, std::uint8_t* out) {
-    const __m256i f = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(fractions));
-    // Pixels j and j + 4 share a register, so that the packs below put
-    // pixels 0..3 in the low half and 4..7 in the high half.
-    const __m256i v0 = blended_pixels<Ties>(blended + offsets[0], blended + offsets[4],
-                                            _mm256_permutevar8x32_epi32(f, _mm256_setr_epi32(0, 0, 0, 0, 4, 4, 4, 4)));
-    const __m256i v1 = blended_pixels<Ties>(blended + offsets[1], blended + offsets[5],
-                                            _mm256_permutevar8x32_epi32(f, _mm256_setr_epi32(1, 1, 1, 1, 5, 5, 5, 5)));
-    const __m256i v2 = blended_pixels<Ties>(blended + offsets[2], blended + offsets[6],
-                                            _mm256_permutevar8x32_epi32(f, _mm256_setr_epi32(2, 2, 2, 2, 6, 6, 6, 6)));
-    const __m256i v3 = blended_pixels<Ties>(blended + offsets[3], blended + offsets[7],
-                                            _mm256_permutevar8x32_epi32(f, _mm256_setr_epi32(3, 3, 3, 3, 7, 7, 7, 7)));
-    const __m256i bytes = _mm256_packus_epi16(_mm256_packs_epi32(v0, v1), _mm256_packs_epi32(v2, v3));
-    // Each half: four pixels of 4 bytes to 12 bytes, then the halves joined.
-    const __m256i squeeze = _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1,
-                                             0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
-    const __m256i joined = _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(bytes, squeeze),
-                                                       _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7));
+VX_AVX2 inline __m256i loaded(const void* memory) {
+    return _mm256_loadu_si256(static_cast<const __m256i*>(memory));
+}
+
+VX_AVX2 inline __m256i two_windows(const std::uint8_t* low, const std::uint8_t* high) {
+    return _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(low))),
+                                   _mm_loadu_si128(reinterpret_cast<const __m128i*>(high)), 1);
+}
+
+// Writes the 24 bytes of 8 pixels from two registers of 16 bytes per half,
+// 12 of them wanted in each.
+VX_AVX2 inline void store_24(__m256i halves, std::uint8_t* out) {
+    const __m256i joined = _mm256_permutevar8x32_epi32(halves, _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(joined));
     _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 16), _mm256_extracti128_si256(joined, 1));
 }
 
+template <bool Ties>
+VX_AVX2 inline __m256i blended_window(__m256i window, const block_plan& block, int j) {
+    const __m256i order = loaded(block.order[j]);
+    const __m256i far_order = _mm256_add_epi32(order, _mm256_set1_epi32(3));
+    return blended<Ties>(_mm256_shuffle_epi8(window, order), _mm256_shuffle_epi8(window, far_order),
+                         loaded(block.fractions[j]));
+}
+
+// Each half of the block from one 16-byte window: lanes are output bytes.
+template <bool Ties>
+VX_AVX2 inline void blend_8_windowed(const std::uint8_t* low, const std::uint8_t* high, const block_plan& block,
+                                     std::uint8_t* out) {
+    const __m256i window = two_windows(low, high);
+    const __m256i v0 = blended_window<Ties>(window, block, 0);
+    const __m256i v1 = blended_window<Ties>(window, block, 1);
+    const __m256i v2 = blended_window<Ties>(window, block, 2);
+    // Per half: output bytes 0..3, 4..7, 8..11 of the half, then spare.
+    store_24(_mm256_packus_epi16(_mm256_packs_epi32(v0, v1), _mm256_packs_epi32(v2, v2)), out);
+}
+
+// One pixel per half: its near channels in three lanes, its far channels
+// in three lanes of another register.
+template <bool Ties>
+VX_AVX2 inline __m256i blended_pixels(const std::uint8_t* low, const std::uint8_t* high, __m256i fractions) {
+    const __m256i near_order = _mm256_setr_epi8(0, -1, -1, -1, 1, -1, -1, -1, 2, -1, -1, -1, -1, -1, -1, -1,
+                                                0, -1, -1, -1, 1, -1, -1, -1, 2, -1, -1, -1, -1, -1, -1, -1);
+    const __m256i far_order = _mm256_setr_epi8(3, -1, -1, -1, 4, -1, -1, -1, 5, -1, -1, -1, -1, -1, -1, -1,
+                                               3, -1, -1, -1, 4, -1, -1, -1, 5, -1, -1, -1, -1, -1, -1, -1);
+    const __m256i window = two_windows(low, high);
+    return blended<Ties>(_mm256_shuffle_epi8(window, near_order), _mm256_shuffle_epi8(window, far_order), fractions);
+}
+
+template <bool Ties>
+VX_AVX2 inline void blend_8_pixels(const std::uint8_t* blended, const std::int32_t* offsets, const block_plan& block,
+                                   std::uint8_t* out) {
+    // Pixels j and j + 4 share a register, so that the packs below put
+    // pixels 0..3 in the low half and 4..7 in the high half.
+    const __m256i v0 = blended_pixels<Ties>(blended + offsets[0], blended + offsets[4], loaded(block.fractions[0]));
+    const __m256i v1 = blended_pixels<Ties>(blended + offsets[1], blended + offsets[5], loaded(block.fractions[1]));
+    const __m256i v2 = blended_pixels<Ties>(blended + offsets[2], blended + offsets[6], loaded(block.fractions[2]));
+    const __m256i v3 = blended_pixels<Ties>(blended + offsets[3], blended + offsets[7], loaded(block.fractions[3]));
+    const __m256i bytes = _mm256_packus_epi16(_mm256_packs_epi32(v0, v1), _mm256_packs_epi32(v2, v3));
+    // Each half: four pixels of 4 bytes to 12 bytes.
+    const __m256i squeeze = _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1,
+                                             0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
+    store_24(_mm256_shuffle_epi8(bytes, squeeze), out);
+}
+
 VX_AVX2 void avx2_blend_columns(const std::uint8_t* blended, const std::int32_t* offsets,
-                                const std::int32_t* fractions, const std::uint8_t* ties, long count,
-                                std::uint8_t* out) {
+                                const std::int32_t* fractions, const std::uint8_t* ties, const void* memory,
+                                long count, std::uint8_t* out) {
+    const column_plan& plan = *static_cast<const column_plan*>(memory);
     long k = 0;
     for (; k + 8 <= count; k += 8) {
+        const block_plan& block = plan.blocks[k / 8];
         std::uint64_t any_ties;
         std::memcpy(&any_ties, ties + k, sizeof any_ties);
-        if (any_ties)
-            blend_8_columns<true>(blended, offsets + k, fractions + k, out + 3 * k);
-        else
-            blend_8_columns<false>(blended, offsets + k, fractions + k, out + 3 * k);
+        if (plan.windowed[k / 8]) {
+            if (any_ties)
+                blend_8_windowed<true>(blended + offsets[k], blended + offsets[k + 4], block, out + 3 * k);
+            else
+                blend_8_windowed<false>(blended + offsets[k], blended + offsets[k + 4], block, out + 3 * k);
+        } else if (any_ties) {
+            blend_8_pixels<true>(blended, offsets + k, block, out + 3 * k);
+        } else {
+            blend_8_pixels<false>(blended, offsets + k, block, out + 3 * k);
+        }
     }
     for (; k < count; ++k) {
         const std::uint8_t* pixel = blended + offsets[k];
@@ -140,7 +221,7 @@ VX_AVX2 void avx2_blend_columns(const std::uint8_t* blended, const std::int32_t*
 }  // namespace
 
 const kernels& avx2_kernels() {
-    static const kernels loops{avx2_blend_lines, avx2_blend_pairs, avx2_blend_columns};
+    static const kernels loops{avx2_blend_lines, avx2_blend_pairs, avx2_plan_columns, avx2_blend_columns};
     return loops;
 }
 

@@ -19,6 +19,10 @@ constexpr int fraction_bits = 23;
 constexpr std::int32_t tie_free_bits = 0x7FFF;
 inline bool ties_possible(std::int32_t fraction) { return fraction != 0 && (fraction & tie_free_bits) == 0; }
 
+// Room for what a path works out once per strip about its columns.
+constexpr long most_columns_per_call = 256;
+constexpr long column_plan_bytes = (most_columns_per_call / 8) * 256;
+
 struct kernels {
     // out[i] = blend(near_line[i], far_line[i]) for i < count bytes.
     void (*blend_lines)(const std::uint8_t* near_line, const std::uint8_t* far_line, std::uint8_t* out,
@@ -29,13 +33,17 @@ struct kernels {
     // read no further than its 6 bytes.
     void (*blend_pairs)(const std::uint8_t* near_line, const std::uint8_t* far_line, const std::int32_t* source_offsets,
                         long count, long line_bytes, std::uint8_t* out, std::int32_t fraction);
-    // For each column k < count: the pixel at blended + offsets[k] and the
-    // one after it, blended with fractions[k] into the 3 bytes out[3k ..].
-    // Reads up to 16 bytes from each offset; writes nothing beyond the
-    // count's pixels. ties[k] is ties_possible(fractions[k]), read 8 at a
-    // time (7 bytes of slack past the count).
+    // Optional: fills `plan` (column_plan_bytes) from the columns that
+    // blend_columns will be given, for every scan line of a strip.
+    void (*plan_columns)(const std::int32_t* offsets, const std::int32_t* fractions, long count, void* plan);
+    // For each column k < count (at most most_columns_per_call): the pixel
+    // at blended + offsets[k] and the one after it, blended with
+    // fractions[k] into the 3 bytes out[3k ..]. Reads up to 16 bytes from
+    // each offset; writes nothing beyond the count's pixels. ties[k] is
+    // ties_possible(fractions[k]), read 8 at a time (7 bytes of slack past
+    // the count).
     void (*blend_columns)(const std::uint8_t* blended, const std::int32_t* offsets, const std::int32_t* fractions,
-                          const std::uint8_t* ties, long count, std::uint8_t* out);
+                          const std::uint8_t* ties, const void* plan, long count, std::uint8_t* out);
 };
 
 const kernels& scalar_kernels();

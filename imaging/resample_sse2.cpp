@@ -127,7 +127,7 @@ VX_SSE2 inline void blend_4_columns(const std::uint8_t* blended, const std::int3
 }
 
 VX_SSE2 void sse2_blend_columns(const std::uint8_t* blended, const std::int32_t* offsets,
-                                const std::int32_t* fractions, const std::uint8_t* ties, long count,
+                                const std::int32_t* fractions, const std::uint8_t* ties, const void*, long count,
                                 std::uint8_t* out) {
     long k = 0;
     // Each group writes 2 bytes past its 4 pixels, so one more pixel must
@@ -149,7 +149,7 @@ VX_SSE2 void sse2_blend_columns(const std::uint8_t* blended, const std::int32_t*
 }  // namespace
 
 const kernels& sse2_kernels() {
-    static const kernels loops{sse2_blend_lines, sse2_blend_pairs, sse2_blend_columns};
+    static const kernels loops{sse2_blend_lines, sse2_blend_pairs, nullptr, sse2_blend_columns};
     return loops;
 }
 
