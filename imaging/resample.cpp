@@ -259,7 +259,7 @@ void resample_strip(const plan& p, const strip& s, long first_line, long end_lin
     std::uint8_t line[blended_bytes + read_slack];
     for (long y = first_line; y < end_line; ++y) {
         const axis_weight wy = weight_at(p.y_scale, y);
-        const std::uint8_t* near_line = source.bits + wy.index * source.stride;
+        const std::uint8_t* near_line = source.bits + static_cast<std::ptrdiff_t>(wy.index) * source.stride;
         const std::uint8_t* far_line = near_line + source.stride;
         const std::uint8_t* blended = line;
         if (s.dense) {
@@ -283,7 +283,7 @@ void resample_strip(const plan& p, const strip& s, long first_line, long end_lin
                 for (int i = 0; i < 6; ++i)
                     line[6 * k + i] = blend(wy, near_line[s.source_offsets[k] + i], far_line[s.source_offsets[k] + i]);
         }
-        std::uint8_t* out = p.destination.bits + y * p.destination.stride + 3 * s.first;
+        std::uint8_t* out = p.destination.bits + static_cast<std::ptrdiff_t>(y) * p.destination.stride + 3 * s.first;
         for (long k = 0; k < s.exact_count; ++k) {
             const std::uint8_t* pixel = blended + s.offsets[k];
             for (int c = 0; c < 3; ++c) out[3 * k + c] = blend(s.exact[k], pixel[c], pixel[3 + c]);
@@ -347,7 +347,7 @@ long processor_count() {
 void resample_shared_out(const plan& p) {
     const long threads = std::min(processor_count(), most_threads);
     const long lines = p.destination.height;
-    long chunks = std::min(4 * threads, lines / lines_per_chunk_at_least);
+    const long chunks = std::min(2 * threads, lines / lines_per_chunk_at_least);
     if (threads < 2 || chunks < 2) {
         resample_lines(p, 0, lines);
         return;
