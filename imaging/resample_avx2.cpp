@@ -38,29 +38,51 @@ VX_AVX2 inline __m128i narrowed(__m256i lanes) {
     return _mm_unpacklo_epi32(_mm256_castsi256_si128(bytes), _mm256_extracti128_si256(bytes, 1));
 }
 
-template <bool Ties>
-VX_AVX2 long blend_lines_32(const std::uint8_t* a, const std::uint8_t* b, std::uint8_t* out, long count,
-                            std::int32_t fraction) {
+VX_AVX2 inline __m256i blended_16(__m256i a, __m256i b, __m256i high, __m256i low) {
+    const __m256i d = _mm256_sub_epi16(b, a);
+    const __m256i product = _mm256_add_epi16(_mm256_mullo_epi16(d, high), _mm256_mulhi_epi16(d, low));
+    return _mm256_add_epi16(a, _mm256_srai_epi16(_mm256_add_epi16(product, _mm256_set1_epi16(64)), 7));
+}
+
+VX_AVX2 inline __m256i widened_16(const std::uint8_t* bytes) {
+    return _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes)));
+}
+
+// Lines whose fraction admits no ties, in 16-bit lanes.
+VX_AVX2 long blend_lines_without_ties(const std::uint8_t* a, const std::uint8_t* b, std::uint8_t* out, long count,
+                                      std::int32_t fraction) {
+    const sixteen_bit_fraction f = split_fraction(fraction);
+    const __m256i high = _mm256_set1_epi16(f.high), low = _mm256_set1_epi16(f.low);
+    long i = 0;
+    for (; i + 32 <= count; i += 32) {
+        const __m256i v0 = blended_16(widened_16(a + i), widened_16(b + i), high, low);
+        const __m256i v1 = blended_16(widened_16(a + i + 16), widened_16(b + i + 16), high, low);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + i),
+                            _mm256_permute4x64_epi64(_mm256_packus_epi16(v0, v1), 0xD8));
+    }
+    return i;
+}
+
+VX_AVX2 long blend_lines_with_ties(const std::uint8_t* a, const std::uint8_t* b, std::uint8_t* out, long count,
+                                   std::int32_t fraction) {
     const __m256i f = _mm256_set1_epi32(fraction);
     const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
     long i = 0;
     for (; i + 32 <= count; i += 32) {
-        const __m256i v0 = blended<Ties>(widened(a + i), widened(b + i), f);
-        const __m256i v1 = blended<Ties>(widened(a + i + 8), widened(b + i + 8), f);
-        const __m256i v2 = blended<Ties>(widened(a + i + 16), widened(b + i + 16), f);
-        const __m256i v3 = blended<Ties>(widened(a + i + 24), widened(b + i + 24), f);
+        const __m256i v0 = blended<true>(widened(a + i), widened(b + i), f);
+        const __m256i v1 = blended<true>(widened(a + i + 8), widened(b + i + 8), f);
+        const __m256i v2 = blended<true>(widened(a + i + 16), widened(b + i + 16), f);
+        const __m256i v3 = blended<true>(widened(a + i + 24), widened(b + i + 24), f);
         const __m256i bytes = _mm256_packus_epi16(_mm256_packs_epi32(v0, v1), _mm256_packs_epi32(v2, v3));
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + i), _mm256_permutevar8x32_epi32(bytes, order));
     }
-    for (; i + 8 <= count; i += 8)
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(out + i), narrowed(blended<Ties>(widened(a + i), widened(b + i), f)));
     return i;
 }
 
 VX_AVX2 void avx2_blend_lines(const std::uint8_t* a, const std::uint8_t* b, std::uint8_t* out, long count,
                               std::int32_t fraction) {
-    long i = ties_possible(fraction) ? blend_lines_32<true>(a, b, out, count, fraction)
-                                     : blend_lines_32<false>(a, b, out, count, fraction);
+    long i = ties_possible(fraction) ? blend_lines_with_ties(a, b, out, count, fraction)
+                                     : blend_lines_without_ties(a, b, out, count, fraction);
     for (; i < count; ++i) out[i] = blend_whole(a[i], b[i], fraction);
 }
 

@@ -19,6 +19,18 @@ constexpr int fraction_bits = 23;
 constexpr std::int32_t tie_free_bits = 0x7FFF;
 inline bool ties_possible(std::int32_t fraction) { return fraction != 0 && (fraction & tie_free_bits) == 0; }
 
+// Without ties a blend fits 16-bit lanes: with F = high * 2^16 + low, low
+// taken as a signed 16-bit number, floor(F d / 2^16) = high d + the high
+// half of low * d, and a + floor((that + 2^6) / 2^7) is the blend. Both
+// products fit, and so does the sum: |F d / 2^16| < 2^15.
+struct sixteen_bit_fraction {
+    std::int16_t high, low;
+};
+inline sixteen_bit_fraction split_fraction(std::int32_t fraction) {
+    const std::int16_t low = static_cast<std::int16_t>(fraction & 0xFFFF);
+    return {static_cast<std::int16_t>((fraction - low) >> 16), low};
+}
+
 // Room for what a path works out once per strip about its columns.
 constexpr long most_columns_per_call = 256;
 constexpr long column_plan_bytes = (most_columns_per_call / 8) * 256;

@@ -53,23 +53,45 @@ VX_SSE2 inline __m128i blended_16(__m128i a, __m128i b, const weight_pairs& w) {
     return _mm_packus_epi16(_mm_packs_epi32(v0, v1), _mm_packs_epi32(v2, v3));
 }
 
-template <bool Ties>
-VX_SSE2 long blend_lines_16(const std::uint8_t* a, const std::uint8_t* b, std::uint8_t* out, long count,
-                            std::int32_t fraction) {
+// Lines whose fraction admits no ties, in 16-bit lanes.
+VX_SSE2 long blend_lines_without_ties(const std::uint8_t* a, const std::uint8_t* b, std::uint8_t* out, long count,
+                                      std::int32_t fraction) {
+    const sixteen_bit_fraction f = split_fraction(fraction);
+    const __m128i high = _mm_set1_epi16(f.high), low = _mm_set1_epi16(f.low), zero = _mm_setzero_si128();
+    const __m128i half = _mm_set1_epi16(64);
+    long i = 0;
+    for (; i + 16 <= count; i += 16) {
+        const __m128i a_bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + i));
+        const __m128i b_bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + i));
+        __m128i v[2];
+        for (int h = 0; h < 2; ++h) {
+            const __m128i a_words = h ? _mm_unpackhi_epi8(a_bytes, zero) : _mm_unpacklo_epi8(a_bytes, zero);
+            const __m128i b_words = h ? _mm_unpackhi_epi8(b_bytes, zero) : _mm_unpacklo_epi8(b_bytes, zero);
+            const __m128i d = _mm_sub_epi16(b_words, a_words);
+            const __m128i product = _mm_add_epi16(_mm_mullo_epi16(d, high), _mm_mulhi_epi16(d, low));
+            v[h] = _mm_add_epi16(a_words, _mm_srai_epi16(_mm_add_epi16(product, half), 7));
+        }
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), _mm_packus_epi16(v[0], v[1]));
+    }
+    return i;
+}
+
+VX_SSE2 long blend_lines_with_ties(const std::uint8_t* a, const std::uint8_t* b, std::uint8_t* out, long count,
+                                   std::int32_t fraction) {
     const weight_pairs w = pairs_of(_mm_set1_epi32(fraction));
     long i = 0;
     for (; i + 16 <= count; i += 16) {
         const __m128i a_bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + i));
         const __m128i b_bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + i));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), blended_16<Ties>(a_bytes, b_bytes, w));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), blended_16<true>(a_bytes, b_bytes, w));
     }
     return i;
 }
 
 VX_SSE2 void sse2_blend_lines(const std::uint8_t* a, const std::uint8_t* b, std::uint8_t* out, long count,
                               std::int32_t fraction) {
-    long i = ties_possible(fraction) ? blend_lines_16<true>(a, b, out, count, fraction)
-                                     : blend_lines_16<false>(a, b, out, count, fraction);
+    long i = ties_possible(fraction) ? blend_lines_with_ties(a, b, out, count, fraction)
+                                     : blend_lines_without_ties(a, b, out, count, fraction);
     for (; i < count; ++i) out[i] = blend_whole(a[i], b[i], fraction);
 }
 
