@@ -93,16 +93,19 @@ single_value scale_of(long source_size, long destination_size) {
     return scale;
 }
 
-// The weights of sample position i: index = floor(scale * i), and the
-// blend weights near_weight / 2^shift and far_weight / 2^shift of (1 - f)
-// and f.
-struct axis_weight {
-    long index = 0;
+// Blend weights near_weight / 2^shift and far_weight / 2^shift: 1 - f and
+// f of a sample position's fraction f.
+struct blend_weights {
     std::uint64_t near_weight = std::uint64_t{1} << fraction_bits;
     std::uint32_t far_weight = 0;  // F when whole
-    int shift = fraction_bits;
+    std::int32_t shift = fraction_bits;
 
     bool whole() const { return shift == fraction_bits; }
+};
+
+// The weights of sample position i, with index = floor(scale * i).
+struct axis_weight : blend_weights {
+    long index = 0;
 };
 
 axis_weight weight_at(const single_value& scale, long i) {
@@ -141,7 +144,7 @@ axis_weight weight_at(const single_value& scale, long i) {
 
 // round((1 - f) * a + f * b), the sum rounded to a double first as the
 // formula evaluates it; the products are exact.
-std::uint8_t blend(const axis_weight& w, std::uint32_t a, std::uint32_t b) {
+std::uint8_t blend(const blend_weights& w, std::uint32_t a, std::uint32_t b) {
     if (w.whole()) return blend_whole(static_cast<std::int32_t>(a), static_cast<std::int32_t>(b),
                                       static_cast<std::int32_t>(w.far_weight));
     std::uint64_t sum = w.near_weight * a + static_cast<std::uint64_t>(w.far_weight) * b;
@@ -189,8 +192,6 @@ void scalar_blend_columns(const std::uint8_t* blended, const std::int32_t* offse
 // ---- Strips -----------------------------------------------------------------
 
 constexpr long strip_columns = most_columns_per_call;
-// Leading columns with exact weights (positions below 1) per strip.
-constexpr long strip_exact_columns = 64;
 // Blend all source pixels of a strip when the scale is at most this;
 // beyond it the strip skips most of them and blends only the pairs it reads.
 constexpr long dense_scale_limit = 3;
@@ -204,9 +205,10 @@ struct plan {
     bool dense = true;
 };
 
+// Destination columns first .. first + count - 1 of every scan line.
 struct strip {
-    long first = 0, count = 0;  // destination columns
-    long exact_count = 0;       // leading columns blended exactly
+    long first = 0, count = 0;
+    long exact_count = 0;  // leading columns blended exactly
     bool dense = true;
     long source_first = 0;  // dense: the source pixel at the blended line's start
     long span_bytes = 0;    // dense: bytes of the blended line
@@ -214,33 +216,27 @@ struct strip {
     std::int32_t source_offsets[strip_columns];  // not dense: of the pair in a source line
     std::int32_t fractions[strip_columns];
     std::uint8_t ties[strip_columns + 8];
-    axis_weight exact[strip_exact_columns];
+    blend_weights exact[strip_columns];  // of the leading columns
     std::uint8_t column_plan[column_plan_bytes];
 };
 
-// The columns from `first` on that one strip takes, with their weights.
-void lay_out_strip(const plan& p, long first, strip& s) {
-    const long end = std::min(p.destination.width, first + strip_columns);
-    s.first = first;
+long strip_count(const plan& p) { return (p.destination.width + strip_columns - 1) / strip_columns; }
+
+void lay_out_strip(const plan& p, long number, strip& s) {
+    s.first = number * strip_columns;
+    s.count = std::min(strip_columns, p.destination.width - s.first);
     s.exact_count = 0;
-    long x = first;
     long index_first = 0, index_last = 0;
-    for (; x < end; ++x) {
-        const axis_weight w = weight_at(p.x_scale, x);
-        const long k = x - first;
-        if (w.index == 0) {
-            // Positions below 1 lead the row; they are blended exactly.
-            if (k >= strip_exact_columns) break;
-            s.exact[k] = w;
-            s.exact_count = k + 1;
-        }
+    for (long k = 0; k < s.count; ++k) {
+        const axis_weight w = weight_at(p.x_scale, s.first + k);
+        // Positions below 1 lead the row; they are blended exactly.
+        if (w.index == 0) s.exact[s.exact_count++] = w;
         if (k == 0) index_first = w.index;
         index_last = w.index;
         s.fractions[k] = static_cast<std::int32_t>(w.far_weight);
         s.ties[k] = ties_possible(s.fractions[k]) ? 1 : 0;
         s.source_offsets[k] = static_cast<std::int32_t>(3 * w.index);
     }
-    s.count = x - first;
     std::memset(s.ties + s.count, 0, 8);
     s.dense = p.dense && 3 * (index_last + 2 - index_first) + read_slack <= blended_bytes;
     s.source_first = index_first;
@@ -296,8 +292,8 @@ void resample_strip(const plan& p, const strip& s, long first_line, long end_lin
 
 void resample_lines(const plan& p, long first_line, long end_line) {
     strip s;
-    for (long first = 0; first < p.destination.width; first += s.count) {
-        lay_out_strip(p, first, s);
+    for (long number = 0; number < strip_count(p); ++number) {
+        lay_out_strip(p, number, s);
         resample_strip(p, s, first_line, end_line);
     }
 }
@@ -307,29 +303,38 @@ void resample_lines(const plan& p, long first_line, long end_line) {
 // Below this many destination pixels one thread does it all: handing work
 // to the pool costs more than it saves.
 constexpr long long split_threshold = 1 << 17;
-constexpr long lines_per_chunk_at_least = 16;
+constexpr long lines_per_piece = 16;
 constexpr long most_threads = 8;
 
+// The work in pieces of a strip's scan lines, strip by strip, taken in
+// turn by the caller and the pool's threads. The pieces are small, so that
+// the caller seldom waits at the end; a thread lays out a strip only when
+// its next piece is in another strip than its last.
 struct shared_resample {
     const plan* work;
-    long lines_per_chunk, chunks;
-    volatile LONG next_chunk;
+    long pieces_per_strip, pieces;
+    volatile LONG next_piece;
 };
 
-// Takes chunks of scan lines until none is left; the caller and the pool's
-// threads run this side by side.
-void take_chunks(shared_resample& shared) {
+void take_pieces(shared_resample& shared) {
+    const plan& p = *shared.work;
+    strip s;
+    long laid_out = -1;
     for (;;) {
-        const LONG chunk = InterlockedIncrement(&shared.next_chunk) - 1;
-        if (chunk >= shared.chunks) return;
-        const long first = chunk * shared.lines_per_chunk;
-        resample_lines(*shared.work, first,
-                       std::min(shared.work->destination.height, first + shared.lines_per_chunk));
+        const LONG piece = InterlockedIncrement(&shared.next_piece) - 1;
+        if (piece >= shared.pieces) return;
+        const long number = piece / shared.pieces_per_strip;
+        if (number != laid_out) {
+            lay_out_strip(p, number, s);
+            laid_out = number;
+        }
+        const long first = (piece % shared.pieces_per_strip) * lines_per_piece;
+        resample_strip(p, s, first, std::min(p.destination.height, first + lines_per_piece));
     }
 }
 
-VOID CALLBACK take_chunks_in_pool(PTP_CALLBACK_INSTANCE, PVOID context, PTP_WORK) {
-    take_chunks(*static_cast<shared_resample*>(context));
+VOID CALLBACK take_pieces_in_pool(PTP_CALLBACK_INSTANCE, PVOID context, PTP_WORK) {
+    take_pieces(*static_cast<shared_resample*>(context));
 }
 
 long processor_count() {
@@ -346,19 +351,17 @@ long processor_count() {
 
 void resample_shared_out(const plan& p) {
     const long threads = std::min(processor_count(), most_threads);
-    const long lines = p.destination.height;
-    const long chunks = std::min(2 * threads, lines / lines_per_chunk_at_least);
-    if (threads < 2 || chunks < 2) {
-        resample_lines(p, 0, lines);
+    const long pieces_per_strip = (p.destination.height + lines_per_piece - 1) / lines_per_piece;
+    shared_resample shared{&p, pieces_per_strip, pieces_per_strip * strip_count(p), 0};
+    if (threads < 2 || shared.pieces < 2) {
+        resample_lines(p, 0, p.destination.height);
         return;
     }
-    shared_resample shared{&p, (lines + chunks - 1) / chunks, 0, 0};
-    shared.chunks = (lines + shared.lines_per_chunk - 1) / shared.lines_per_chunk;
     // The work object lives for this call only; nothing of it outlasts it.
-    PTP_WORK work = CreateThreadpoolWork(take_chunks_in_pool, &shared, nullptr);
+    PTP_WORK work = CreateThreadpoolWork(take_pieces_in_pool, &shared, nullptr);
     if (work)
         for (long i = 1; i < threads; ++i) SubmitThreadpoolWork(work);
-    take_chunks(shared);
+    take_pieces(shared);
     if (work) {
         // Callbacks that have not started by now would find nothing to do.
         WaitForThreadpoolWorkCallbacks(work, TRUE);
