@@ -1,7 +1,7 @@
-// The resampler's loops in SSE2. SSE2 has no 32-bit multiply, so a blend is
-// taken as (2^23 - F) * a + F * b with each weight cut at bit 9, two 16-bit
-// multiply-adds whose sums are exact: weights up to 2^23 give high parts up
-// to 2^14, which fit. Only these functions carry the SSE2 target.
+// The resampler's loops in SSE2, in eight 16-bit lanes (see split_fraction).
+// SSE2 cannot reorder bytes at will, so the columns are fetched a pixel at
+// a time and put two to a register. Only these functions carry the SSE2
+// target.
 #include "imaging/resample_kernels.h"
 
 #include <emmintrin.h>
@@ -14,155 +14,164 @@ namespace vx::resampling {
 
 namespace {
 
-constexpr int low_bits = 9;
+// a + round(F (b - a) / 2^23), F split into high and low: as the AVX2
+// blend (resample_avx2.cpp) with half the lanes.
+template <bool Ties>
+VX_SSE2 inline __m128i blended_words(__m128i a, __m128i b, __m128i high, __m128i low) {
+    const __m128i d = _mm_sub_epi16(b, a);
+    const __m128i high_part = _mm_add_epi16(_mm_mullo_epi16(d, high), _mm_mulhi_epi16(d, low));
+    __m128i biased = _mm_add_epi16(high_part, _mm_set1_epi16(64));
+    if (Ties) {
+        const __m128i zero = _mm_setzero_si128();
+        const __m128i low_part_zero = _mm_cmpeq_epi16(_mm_mullo_epi16(d, low), zero);
+        const __m128i sum_even = _mm_cmpeq_epi16(
+            _mm_and_si128(_mm_add_epi16(_mm_srai_epi16(high_part, 7), a), _mm_set1_epi16(1)), zero);
+        biased = _mm_add_epi16(biased, _mm_and_si128(low_part_zero, sum_even));  // minus one there
+    }
+    return _mm_add_epi16(a, _mm_srai_epi16(biased, 7));
+}
 
-// The (near, far) weight pairs of a fraction as 16-bit halves of one lane:
-// high parts and low parts.
-struct weight_pairs {
+struct broadcast_fraction {
     __m128i high, low;
 };
 
-VX_SSE2 inline weight_pairs pairs_of(__m128i fraction) {
-    const __m128i near_weight = _mm_sub_epi32(_mm_set1_epi32(1 << fraction_bits), fraction);
-    const __m128i low_mask = _mm_set1_epi32((1 << low_bits) - 1);
-    return {_mm_or_si128(_mm_srli_epi32(near_weight, low_bits), _mm_slli_epi32(_mm_srli_epi32(fraction, low_bits), 16)),
-            _mm_or_si128(_mm_and_si128(near_weight, low_mask), _mm_slli_epi32(_mm_and_si128(fraction, low_mask), 16))};
-}
-
-// round(((2^23 - F) a + F b) / 2^23) from 16-bit pairs (a, b).
-template <bool Ties>
-VX_SSE2 inline __m128i blended(__m128i pairs, __m128i high, __m128i low) {
-    const __m128i total =
-        _mm_add_epi32(_mm_slli_epi32(_mm_madd_epi16(pairs, high), low_bits), _mm_madd_epi16(pairs, low));
-    const __m128i half = _mm_set1_epi32(1 << (fraction_bits - 1));
-    if (!Ties) return _mm_srli_epi32(_mm_add_epi32(total, half), fraction_bits);
-    const __m128i odd = _mm_and_si128(_mm_srli_epi32(total, fraction_bits), _mm_set1_epi32(1));
-    return _mm_srli_epi32(_mm_add_epi32(_mm_add_epi32(total, _mm_sub_epi32(half, _mm_set1_epi32(1))), odd),
-                          fraction_bits);
-}
-
-// 16 bytes of a and of b, blended.
-template <bool Ties>
-VX_SSE2 inline __m128i blended_16(__m128i a, __m128i b, const weight_pairs& w) {
-    const __m128i zero = _mm_setzero_si128();
-    const __m128i first = _mm_unpacklo_epi8(a, b), second = _mm_unpackhi_epi8(a, b);
-    const __m128i v0 = blended<Ties>(_mm_unpacklo_epi8(first, zero), w.high, w.low);
-    const __m128i v1 = blended<Ties>(_mm_unpackhi_epi8(first, zero), w.high, w.low);
-    const __m128i v2 = blended<Ties>(_mm_unpacklo_epi8(second, zero), w.high, w.low);
-    const __m128i v3 = blended<Ties>(_mm_unpackhi_epi8(second, zero), w.high, w.low);
-    return _mm_packus_epi16(_mm_packs_epi32(v0, v1), _mm_packs_epi32(v2, v3));
-}
-
-// Lines whose fraction admits no ties, in 16-bit lanes.
-VX_SSE2 long blend_lines_without_ties(const std::uint8_t* a, const std::uint8_t* b, std::uint8_t* out, long count,
-                                      std::int32_t fraction) {
+VX_SSE2 inline broadcast_fraction broadcast(std::int32_t fraction) {
     const sixteen_bit_fraction f = split_fraction(fraction);
-    const __m128i high = _mm_set1_epi16(f.high), low = _mm_set1_epi16(f.low), zero = _mm_setzero_si128();
-    const __m128i half = _mm_set1_epi16(64);
-    long i = 0;
-    for (; i + 16 <= count; i += 16) {
-        const __m128i a_bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + i));
-        const __m128i b_bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + i));
-        __m128i v[2];
-        for (int h = 0; h < 2; ++h) {
-            const __m128i a_words = h ? _mm_unpackhi_epi8(a_bytes, zero) : _mm_unpacklo_epi8(a_bytes, zero);
-            const __m128i b_words = h ? _mm_unpackhi_epi8(b_bytes, zero) : _mm_unpacklo_epi8(b_bytes, zero);
-            const __m128i d = _mm_sub_epi16(b_words, a_words);
-            const __m128i product = _mm_add_epi16(_mm_mullo_epi16(d, high), _mm_mulhi_epi16(d, low));
-            v[h] = _mm_add_epi16(a_words, _mm_srai_epi16(_mm_add_epi16(product, half), 7));
-        }
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), _mm_packus_epi16(v[0], v[1]));
-    }
-    return i;
+    return {_mm_set1_epi16(f.high), _mm_set1_epi16(f.low)};
 }
 
-VX_SSE2 long blend_lines_with_ties(const std::uint8_t* a, const std::uint8_t* b, std::uint8_t* out, long count,
-                                   std::int32_t fraction) {
-    const weight_pairs w = pairs_of(_mm_set1_epi32(fraction));
+template <bool Ties>
+VX_SSE2 long blend_lines_in_words(const std::uint8_t* a, const std::uint8_t* b, std::uint8_t* out, long count,
+                                  std::int32_t fraction) {
+    const broadcast_fraction f = broadcast(fraction);
+    const __m128i zero = _mm_setzero_si128();
     long i = 0;
     for (; i + 16 <= count; i += 16) {
         const __m128i a_bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + i));
         const __m128i b_bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + i));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), blended_16<true>(a_bytes, b_bytes, w));
+        const __m128i v0 = blended_words<Ties>(_mm_unpacklo_epi8(a_bytes, zero), _mm_unpacklo_epi8(b_bytes, zero),
+                                               f.high, f.low);
+        const __m128i v1 = blended_words<Ties>(_mm_unpackhi_epi8(a_bytes, zero), _mm_unpackhi_epi8(b_bytes, zero),
+                                               f.high, f.low);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), _mm_packus_epi16(v0, v1));
     }
     return i;
 }
 
 VX_SSE2 void sse2_blend_lines(const std::uint8_t* a, const std::uint8_t* b, std::uint8_t* out, long count,
                               std::int32_t fraction) {
-    long i = ties_possible(fraction) ? blend_lines_with_ties(a, b, out, count, fraction)
-                                     : blend_lines_without_ties(a, b, out, count, fraction);
+    long i = ties_possible(fraction) ? blend_lines_in_words<true>(a, b, out, count, fraction)
+                                     : blend_lines_in_words<false>(a, b, out, count, fraction);
     for (; i < count; ++i) out[i] = blend_whole(a[i], b[i], fraction);
 }
 
-VX_SSE2 inline __m128i two_pairs(const std::uint8_t* line, long first, long second) {
-    return _mm_unpacklo_epi64(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(line + first)),
-                              _mm_loadl_epi64(reinterpret_cast<const __m128i*>(line + second)));
+VX_SSE2 inline __m128i words_at(const std::uint8_t* bytes) {
+    return _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(bytes)), _mm_setzero_si128());
 }
 
 template <bool Ties>
-VX_SSE2 long blend_pairs_2(const std::uint8_t* a, const std::uint8_t* b, const std::int32_t* source_offsets,
-                           long count, long line_bytes, std::uint8_t* out, std::int32_t fraction) {
-    const weight_pairs w = pairs_of(_mm_set1_epi32(fraction));
-    long k = 0;
-    // Two columns of 8 bytes each, the last 2 of each spare.
-    for (; k + 2 <= count && source_offsets[k + 1] + 8 <= line_bytes && source_offsets[k] + 8 <= line_bytes; k += 2) {
-        const __m128i v = blended_16<Ties>(two_pairs(a, source_offsets[k], source_offsets[k + 1]),
-                                           two_pairs(b, source_offsets[k], source_offsets[k + 1]), w);
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 6 * k), v);
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 6 * k + 6), _mm_srli_si128(v, 8));
+VX_SSE2 void blend_pairs_in_words(const std::uint8_t* a, const std::uint8_t* b, const std::int32_t* source_offsets,
+                                  long count, long line_bytes, std::uint8_t* out, std::int32_t fraction) {
+    const broadcast_fraction f = broadcast(fraction);
+    for (long k = 0; k < count; ++k, out += 6) {
+        const long at = source_offsets[k];
+        if (at + 8 <= line_bytes) {
+            // 8 bytes read and written, the last 2 of them spare.
+            const __m128i v = blended_words<Ties>(words_at(a + at), words_at(b + at), f.high, f.low);
+            _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_packus_epi16(v, v));
+        } else {
+            for (int i = 0; i < 6; ++i) out[i] = blend_whole(a[at + i], b[at + i], fraction);
+        }
     }
-    return k;
 }
 
 VX_SSE2 void sse2_blend_pairs(const std::uint8_t* a, const std::uint8_t* b, const std::int32_t* source_offsets,
                               long count, long line_bytes, std::uint8_t* out, std::int32_t fraction) {
-    long k = ties_possible(fraction) ? blend_pairs_2<true>(a, b, source_offsets, count, line_bytes, out, fraction)
-                                     : blend_pairs_2<false>(a, b, source_offsets, count, line_bytes, out, fraction);
-    for (; k < count; ++k)
-        for (int i = 0; i < 6; ++i) out[6 * k + i] = blend_whole(a[source_offsets[k] + i], b[source_offsets[k] + i], fraction);
+    if (ties_possible(fraction))
+        blend_pairs_in_words<true>(a, b, source_offsets, count, line_bytes, out, fraction);
+    else
+        blend_pairs_in_words<false>(a, b, source_offsets, count, line_bytes, out, fraction);
 }
 
-// One pixel: the near pixel's channels paired with the far pixel's.
-template <bool Ties, int Lane>
-VX_SSE2 inline __m128i blended_pixel(const std::uint8_t* pixels, const weight_pairs& w) {
-    const __m128i bytes = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(pixels));
-    const __m128i pairs = _mm_unpacklo_epi8(_mm_unpacklo_epi8(bytes, _mm_srli_epi64(bytes, 24)), _mm_setzero_si128());
-    constexpr int lane = Lane * 0x55;
-    return blended<Ties>(pairs, _mm_shuffle_epi32(w.high, lane), _mm_shuffle_epi32(w.low, lane));
+// What blend_columns works out once per strip, for each block of 4
+// columns: the fractions of the lanes of its two registers (pixels 0 and 1,
+// then 2 and 3, four lanes each), and the blocks in two groups, without
+// and with possible ties, so that each group's loop runs without branching.
+struct block_plan {
+    std::int16_t high[2][8], low[2][8];
+};
+
+struct column_plan {
+    std::uint8_t tie_free_blocks;  // the first ones in block_order
+    std::uint8_t block_order[most_columns_per_call / 4];
+    block_plan blocks[most_columns_per_call / 4];
+};
+static_assert(sizeof(column_plan) <= column_plan_bytes, "the strip keeps room for the plan");
+static_assert(most_columns_per_call / 4 <= 255, "block numbers fit a byte");
+
+void sse2_plan_columns(const std::int32_t*, const std::int32_t* fractions, long count, void* memory) {
+    column_plan& plan = *static_cast<column_plan*>(memory);
+    const long blocks = count / 4;
+    long tie_free = 0, with_ties = blocks;
+    for (long b = 0; b < blocks; ++b) {
+        const std::int32_t* fraction = fractions + 4 * b;
+        bool ties = false;
+        for (int i = 0; i < 4; ++i) {
+            const sixteen_bit_fraction f = split_fraction(fraction[i]);
+            for (int lane = 0; lane < 4; ++lane) {
+                plan.blocks[b].high[i / 2][4 * (i % 2) + lane] = f.high;
+                plan.blocks[b].low[i / 2][4 * (i % 2) + lane] = f.low;
+            }
+            ties = ties || ties_possible(fraction[i]);
+        }
+        plan.block_order[ties ? --with_ties : tie_free++] = static_cast<std::uint8_t>(b);
+    }
+    plan.tie_free_blocks = static_cast<std::uint8_t>(tie_free);
+}
+
+// Pixels j and j + 1: near channels in lanes 0..2 and 4..6, far channels
+// likewise in another register.
+template <bool Ties>
+VX_SSE2 inline __m128i blended_two(const std::uint8_t* first, const std::uint8_t* second, const std::int16_t* high,
+                                   const std::int16_t* low) {
+    const __m128i one = words_at(first), other = words_at(second);
+    const __m128i near_words = _mm_unpacklo_epi64(one, other);
+    const __m128i far_words = _mm_unpacklo_epi64(_mm_srli_si128(one, 6), _mm_srli_si128(other, 6));
+    return blended_words<Ties>(near_words, far_words, _mm_loadu_si128(reinterpret_cast<const __m128i*>(high)),
+                               _mm_loadu_si128(reinterpret_cast<const __m128i*>(low)));
 }
 
 template <bool Ties>
-VX_SSE2 inline void blend_4_columns(const std::uint8_t* blended, const std::int32_t* offsets,
-                                    const std::int32_t* fractions, std::uint8_t* out) {
-    const weight_pairs w = pairs_of(_mm_loadu_si128(reinterpret_cast<const __m128i*>(fractions)));
-    const __m128i v0 = blended_pixel<Ties, 0>(blended + offsets[0], w);
-    const __m128i v1 = blended_pixel<Ties, 1>(blended + offsets[1], w);
-    const __m128i v2 = blended_pixel<Ties, 2>(blended + offsets[2], w);
-    const __m128i v3 = blended_pixel<Ties, 3>(blended + offsets[3], w);
-    // Four pixels of 4 bytes; each 8-byte half squeezed to 6, then 6 + 6.
-    const __m128i bytes = _mm_packus_epi16(_mm_packs_epi32(v0, v1), _mm_packs_epi32(v2, v3));
+VX_SSE2 inline void blend_4_columns(const std::uint8_t* blended, const std::int32_t* at, const block_plan& block,
+                                    std::uint8_t* out) {
+    const __m128i v0 = blended_two<Ties>(blended + at[0], blended + at[1], block.high[0], block.low[0]);
+    const __m128i v1 = blended_two<Ties>(blended + at[2], blended + at[3], block.high[1], block.low[1]);
+    // Four pixels of 4 bytes; each 8-byte half squeezed to 6, the halves
+    // joined, and exactly 12 bytes written: blocks go out of order.
+    const __m128i bytes = _mm_packus_epi16(v0, v1);
     const __m128i squeezed = _mm_or_si128(_mm_and_si128(bytes, _mm_set1_epi64x(0xFFFFFF)),
                                           _mm_and_si128(_mm_srli_epi64(bytes, 8), _mm_set1_epi64x(0xFFFFFF000000)));
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), squeezed);
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 6), _mm_srli_si128(squeezed, 8));
+    const __m128i joined = _mm_or_si128(_mm_and_si128(squeezed, _mm_set_epi64x(0, 0xFFFFFFFFFFFF)),
+                                        _mm_slli_si128(_mm_srli_si128(squeezed, 8), 6));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), joined);
+    const std::int32_t last = _mm_cvtsi128_si32(_mm_srli_si128(joined, 8));
+    std::memcpy(out + 8, &last, sizeof last);
 }
 
 VX_SSE2 void sse2_blend_columns(const std::uint8_t* blended, const std::int32_t* offsets,
-                                const std::int32_t* fractions, const std::uint8_t* ties, const void*, long count,
+                                const std::int32_t* fractions, const std::uint8_t*, const void* memory, long count,
                                 std::uint8_t* out) {
-    long k = 0;
-    // Each group writes 2 bytes past its 4 pixels, so one more pixel must
-    // follow it.
-    for (; k + 5 <= count; k += 4) {
-        std::uint32_t any_ties;
-        std::memcpy(&any_ties, ties + k, sizeof any_ties);
-        if (any_ties)
-            blend_4_columns<true>(blended, offsets + k, fractions + k, out + 3 * k);
-        else
-            blend_4_columns<false>(blended, offsets + k, fractions + k, out + 3 * k);
+    const column_plan& plan = *static_cast<const column_plan*>(memory);
+    const long blocks = count / 4;
+    for (long i = 0; i < plan.tie_free_blocks; ++i) {
+        const long k = 4 * plan.block_order[i];
+        blend_4_columns<false>(blended, offsets + k, plan.blocks[plan.block_order[i]], out + 3 * k);
     }
-    for (; k < count; ++k) {
+    for (long i = plan.tie_free_blocks; i < blocks; ++i) {
+        const long k = 4 * plan.block_order[i];
+        blend_4_columns<true>(blended, offsets + k, plan.blocks[plan.block_order[i]], out + 3 * k);
+    }
+    for (long k = 4 * blocks; k < count; ++k) {
         const std::uint8_t* pixel = blended + offsets[k];
         for (int c = 0; c < 3; ++c) out[3 * k + c] = blend_whole(pixel[c], pixel[3 + c], fractions[k]);
     }
@@ -171,7 +180,7 @@ VX_SSE2 void sse2_blend_columns(const std::uint8_t* blended, const std::int32_t*
 }  // namespace
 
 const kernels& sse2_kernels() {
-    static const kernels loops{sse2_blend_lines, sse2_blend_pairs, nullptr, sse2_blend_columns};
+    static const kernels loops{sse2_blend_lines, sse2_blend_pairs, sse2_plan_columns, sse2_blend_columns};
     return loops;
 }
 
