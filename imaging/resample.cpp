@@ -179,7 +179,7 @@ void scalar_blend_pairs(const std::uint8_t* near_line, const std::uint8_t* far_l
 }
 
 void scalar_blend_columns(const std::uint8_t* blended, const std::int32_t* offsets, const std::int32_t* fractions,
-                          const std::uint8_t*, const void*, long count, std::uint8_t* out) {
+                          const void*, long count, std::uint8_t* out) {
     for (long k = 0; k < count; ++k, out += 3) {
         const std::uint8_t* pixel = blended + offsets[k];
         const std::int32_t fraction = fractions[k];
@@ -215,7 +215,6 @@ struct strip {
     std::int32_t offsets[strip_columns];         // of each column's pixel pair in the blended line
     std::int32_t source_offsets[strip_columns];  // not dense: of the pair in a source line
     std::int32_t fractions[strip_columns];
-    std::uint8_t ties[strip_columns + 8];
     blend_weights exact[strip_columns];  // of the leading columns
     std::uint8_t column_plan[column_plan_bytes];
 };
@@ -234,10 +233,8 @@ void lay_out_strip(const plan& p, long number, strip& s) {
         if (k == 0) index_first = w.index;
         index_last = w.index;
         s.fractions[k] = static_cast<std::int32_t>(w.far_weight);
-        s.ties[k] = ties_possible(s.fractions[k]) ? 1 : 0;
         s.source_offsets[k] = static_cast<std::int32_t>(3 * w.index);
     }
-    std::memset(s.ties + s.count, 0, 8);
     s.dense = p.dense && 3 * (index_last + 2 - index_first) + read_slack <= blended_bytes;
     s.source_first = index_first;
     s.span_bytes = 3 * (index_last + 2 - index_first);
@@ -285,8 +282,7 @@ void resample_strip(const plan& p, const strip& s, long first_line, long end_lin
             for (int c = 0; c < 3; ++c) out[3 * k + c] = blend(s.exact[k], pixel[c], pixel[3 + c]);
         }
         const long k = s.exact_count;
-        loops.blend_columns(blended, s.offsets + k, s.fractions + k, s.ties + k, s.column_plan, s.count - k,
-                            out + 3 * k);
+        loops.blend_columns(blended, s.offsets + k, s.fractions + k, s.column_plan, s.count - k, out + 3 * k);
     }
 }
 

@@ -290,7 +290,7 @@ VX_AVX2 inline void blend_group(const column_plan& plan, int group, const std::u
 }
 
 VX_AVX2 void avx2_blend_columns(const std::uint8_t* blended, const std::int32_t* offsets,
-                                const std::int32_t* fractions, const std::uint8_t*, const void* memory, long count,
+                                const std::int32_t* fractions, const void* memory, long count,
                                 std::uint8_t* out) {
     const column_plan& plan = *static_cast<const column_plan*>(memory);
     blend_group<single, false>(plan, 2 * single, blended, offsets, out);

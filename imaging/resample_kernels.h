@@ -1,8 +1,8 @@
 // The resampler's inner loops, one set per code path. Every loop here works
 // with whole weights only: a blend of a and b with fraction F / 2^23 is
-//     a + round((F * (b - a)) / 2^23), halves to even,
-// which is exact in 32-bit integers and equals the formula's double blend
-// (a half going to the even whole number of the sum).
+//     a + round((F * (b - a)) / 2^23),
+// a half going to the even whole number of the sum, which is exact in
+// 32-bit integers and equals the formula's double blend.
 // The weights themselves, and blends that the integers cannot hold, are
 // resample.cpp's.
 #pragma once
@@ -19,10 +19,11 @@ constexpr int fraction_bits = 23;
 constexpr std::int32_t tie_free_bits = 0x7FFF;
 inline bool ties_possible(std::int32_t fraction) { return fraction != 0 && (fraction & tie_free_bits) == 0; }
 
-// Without ties a blend fits 16-bit lanes: with F = high * 2^16 + low, low
-// taken as a signed 16-bit number, floor(F d / 2^16) = high d + the high
-// half of low * d, and a + floor((that + 2^6) / 2^7) is the blend. Both
-// products fit, and so does the sum: |F d / 2^16| < 2^15.
+// A blend fits 16-bit lanes too: with F = high * 2^16 + low, low taken as
+// a signed 16-bit number, floor(F d / 2^16) = high d + the high half of
+// low * d, and without ties a + floor((that + 2^6) / 2^7) is the blend.
+// Both products fit, and so does the sum: |F d / 2^16| < 2^15. A half is
+// exact where the low half of low * d is zero as well.
 struct sixteen_bit_fraction {
     std::int16_t high, low;
 };
@@ -51,11 +52,10 @@ struct kernels {
     // For each column k < count (at most most_columns_per_call): the pixel
     // at blended + offsets[k] and the one after it, blended with
     // fractions[k] into the 3 bytes out[3k ..]. Reads up to 16 bytes from
-    // each offset; writes nothing beyond the count's pixels. ties[k] is
-    // ties_possible(fractions[k]), read 8 at a time (7 bytes of slack past
-    // the count).
+    // each offset; writes nothing beyond the count's pixels. `plan` is what
+    // plan_columns made of the same columns.
     void (*blend_columns)(const std::uint8_t* blended, const std::int32_t* offsets, const std::int32_t* fractions,
-                          const std::uint8_t* ties, const void* plan, long count, std::uint8_t* out);
+                          const void* plan, long count, std::uint8_t* out);
 };
 
 const kernels& scalar_kernels();

@@ -159,7 +159,7 @@ VX_SSE2 inline void blend_4_columns(const std::uint8_t* blended, const std::int3
 }
 
 VX_SSE2 void sse2_blend_columns(const std::uint8_t* blended, const std::int32_t* offsets,
-                                const std::int32_t* fractions, const std::uint8_t*, const void* memory, long count,
+                                const std::int32_t* fractions, const void* memory, long count,
                                 std::uint8_t* out) {
     const column_plan& plan = *static_cast<const column_plan*>(memory);
     const long blocks = count / 4;
