@@ -26,4 +26,22 @@ struct pixel_view {
 // before anything is written; an empty destination reads nothing.
 void resample_bilinear(const pixel_view& source, const pixel_view& destination, const wchar_t* error_source);
 
+// The resampler's code paths, slowest first; all of them write the same
+// bytes. The scalar one runs on any x86 processor.
+enum class resample_path { scalar, sse2, avx2 };
+
+// Whether the processor, and the system for the AVX registers, runs the path.
+bool resample_path_runs_here(resample_path path);
+
+// The path that resample_bilinear takes: the fastest that runs here, unless
+// a test or a benchmark chose another. Choosing one that does not run here
+// changes nothing and returns false.
+resample_path chosen_resample_path();
+bool choose_resample_path(resample_path path);
+
+// resample_bilinear on the given path, which must run here. With may_split,
+// a large destination is shared out to the system's thread pool.
+void resample_bilinear(const pixel_view& source, const pixel_view& destination, const wchar_t* error_source,
+                       resample_path path, bool may_split);
+
 }  // namespace vx
