@@ -48,7 +48,7 @@ void round_significant(std::uint64_t& value, int& exponent, int bits) {
     exponent += drop;
 }
 
-// Rounds value * 2^exponent (exponent < 0) to a whole number, halves to even.
+// Rounds value * 2^exponent to a whole number, halves to even.
 std::uint64_t round_to_whole(std::uint64_t value, int exponent) {
     if (exponent >= 0) return value << exponent;
     const int shift = -exponent;

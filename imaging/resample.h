@@ -39,8 +39,9 @@ bool resample_path_runs_here(resample_path path);
 resample_path chosen_resample_path();
 bool choose_resample_path(resample_path path);
 
-// resample_bilinear on the given path, which must run here. With may_split,
-// a large destination is shared out to the system's thread pool.
+// resample_bilinear on the given path (the scalar one if that does not run
+// here). With may_split, a large destination is shared out to the system's
+// thread pool.
 void resample_bilinear(const pixel_view& source, const pixel_view& destination, const wchar_t* error_source,
                        resample_path path, bool may_split);
 
