@@ -319,15 +319,6 @@ TEST_F(Lifecycle, TheDllUnloadsOnceUnusedAndLoadsAgain) {
     expect_level(std::to_string(reloads() - 2) + " unloads and reloads", *before, reloads() - 2);
 }
 
-TEST_F(Lifecycle, LoadingAndFreeingTheDllLeavesMemoryAndHandlesLevel) {
-    auto load_and_free = [] { FreeLibrary(LoadLibraryW(dll_path().c_str())); };
-    load_and_free();
-    load_and_free();
-    const resources before;
-    for (long i = 0; i < reloads(); ++i) load_and_free();
-    expect_level(std::to_string(reloads()) + " loads and frees", before, reloads());
-}
-
 // ---- Registration ---------------------------------------------------------------------
 
 // Every key that registration writes or removes, with its values: path,
@@ -386,53 +377,6 @@ std::string difference(const registry_snapshot& expected, const registry_snapsho
     for (const auto& [path, value] : seen)
         if (!expected.count(path)) return "left behind " + narrow(path) + " = " + narrow(value);
     return {};
-}
-
-TEST_F(Lifecycle, RegistrationAndUnregistrationEachTwiceLeaveTheRegistryAsFound) {
-    ASSERT_EQ(S_OK, call_export("DllUnregisterServer"));
-    const registry_snapshot nothing = snapshot();
-    EXPECT_TRUE(nothing.empty()) << "unregistered, yet " << narrow(nothing.begin()->first);
-
-    // Another version of the library, registered by someone else, stays.
-    const std::wstring other_version = std::wstring(L"TypeLib\\") + libid + L"\\1.0";
-    {
-        unique_hkey key;
-        ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(HKEY_CLASSES_ROOT, (other_version + L"\\0\\win32").c_str(), 0,
-                                                 nullptr, 0, KEY_ALL_ACCESS, nullptr, key.put(), nullptr));
-        const wchar_t path[] = L"C:\\elsewhere\\older.tlb";
-        RegSetValueExW(key.get(), nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(path), sizeof path);
-    }
-    const registry_snapshot before = snapshot();
-
-    ASSERT_EQ(S_OK, call_export("DllRegisterServer"));
-    const registry_snapshot registered = snapshot();
-    EXPECT_GT(registered.size(), before.size() + 40) << "registration wrote its keys";
-    ASSERT_EQ(S_OK, call_export("DllRegisterServer")) << "registering twice";
-    EXPECT_EQ("", difference(registered, snapshot())) << "registering twice";
-
-    ASSERT_EQ(S_OK, call_export("DllUnregisterServer"));
-    EXPECT_EQ("", difference(before, snapshot())) << "after unregistering";
-    ASSERT_EQ(S_OK, call_export("DllUnregisterServer")) << "unregistering twice";
-    EXPECT_EQ("", difference(before, snapshot())) << "after unregistering twice";
-
-    EXPECT_EQ(ERROR_SUCCESS, RegDeleteTreeW(HKEY_CLASSES_ROOT, (std::wstring(L"TypeLib\\") + libid).c_str()));
-    EXPECT_EQ("", difference(nothing, snapshot()));
-
-    // Ends registered, as the script clients expect.
-    ASSERT_EQ(S_OK, call_export("DllRegisterServer"));
-    registry_snapshot expected = registered;
-    for (auto i = expected.begin(); i != expected.end();)
-        i = i->first.compare(0, other_version.size(), other_version) == 0 ? expected.erase(i) : std::next(i);
-    EXPECT_EQ("", difference(expected, snapshot())) << "registered again";
-    CLSID clsid{};
-    EXPECT_EQ(S_OK, CLSIDFromProgID(L"vxTypes32.UserInfo", &clsid));
-}
-
-TEST_F(Lifecycle, RegisteringThroughLoadAndFreeLeavesNothingLoaded) {
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_EQ(S_OK, call_export("DllRegisterServer"));
-        EXPECT_EQ(nullptr, GetModuleHandleW(dll_name)) << "registration " << i << " kept the DLL loaded";
-    }
 }
 
 }  // namespace
