@@ -116,18 +116,6 @@ outcome apply(_CComplexNumber* z, operation o, value operand, _CComplexNumber* o
     return out;
 }
 
-TEST(ComplexNumber, NewObjectIsZero) {
-    _CComplexNumber* fresh = nullptr;
-    ASSERT_EQ(S_OK, create<IUnknown>(CLSID_CComplexNumber, IID_IUnknown)->QueryInterface(IID__CComplexNumber,
-                                                                                       reinterpret_cast<void**>(&fresh)));
-    number owned = number::attach(fresh);
-    EXPECT_TRUE(holds(fresh, {0, 0}));
-    EXPECT_EQ(L"0", text_of(apply(fresh, operation::Text, {}).text.get()));
-    EXPECT_TRUE(same(0.0, apply(fresh, operation::Magnitude, {}).magnitude));
-    com_ptr<IUnknown> earlier_user_info;
-    EXPECT_EQ(E_NOINTERFACE, fresh->QueryInterface(IID_UserInfo___v0, earlier_user_info.put_void()));
-}
-
 TEST(ComplexNumber, InitAndAddReturnTheObjectItselfAndComplexANewOne) {
     number z = make({1, 2});
     number operand = make({3, 4});
@@ -205,29 +193,6 @@ TEST(ComplexNumber, WorkedValues) {
         EXPECT_TRUE(holds(z.get(), v)) << v.real << " z changed";
         EXPECT_TRUE(holds(apply(z.get(), operation::Add, {}, z.get()).result.get(), {2 * v.real, 2 * v.imaginary}))
             << v.real << " z.Add(z)";
-    }
-}
-
-// For any z whose sum of squares is a Double, z / z is exactly 1 + 0i through
-// both members: numerator and divisor round alike.
-TEST(ComplexNumber, ZOverZIsExactlyOne) {
-    std::mt19937_64 random(14);
-    std::uniform_real_distribution<double> fraction(-1, 1);
-    std::uniform_int_distribution<int> exponent(-480, 480);
-    for (operation o : {operation::Divide, operation::Divide2}) {
-        long misses = 0;
-        value first_miss{};
-        for (int i = 0; i < 100000; ++i) {
-            const int scale = exponent(random);
-            const value v{std::ldexp(fraction(random), scale), std::ldexp(fraction(random), scale)};
-            number z = make(v, true);
-            outcome out = apply(z.get(), o, v, z.get());
-            double real = 0, imaginary = 1;
-            if (out.result) out.result->get_Real(&real), out.result->get_Imaginary(&imaginary);
-            if ((!same(real, 1) || !same(imaginary, 0)) && !misses++) first_miss = v;
-        }
-        EXPECT_EQ(0, misses) << name_of(o) << " of 100000, first " << first_miss.real << ", " << first_miss.imaginary
-                             << "i";
     }
 }
 
@@ -346,46 +311,6 @@ public:
     HRESULT STDMETHODCALLTYPE Divide2(DOUBLE*, DOUBLE*, _CComplexNumber**) override { return unexpected("Divide2"); }
     HRESULT STDMETHODCALLTYPE Text(BSTR*) override { return unexpected("Text"); }
 };
-
-TEST(ComplexNumber, OperandsAreReadThroughTheirGettersAndTheirFailuresRaised) {
-    const HRESULT refused = static_cast<HRESULT>(0x800A0005);
-    struct row {
-        const char* name;
-        operation o;
-        HRESULT failure;  // of the imaginary part's getter
-        bool supports_error_info;
-        const wchar_t *source, *description;  // description null: not checked
-        value z_after, result;
-    };
-    const row rows[] = {
-        {"Add", operation::Add, S_OK, true, L"", L"", {4, 6}, {4, 6}},
-        {"Multiply", operation::Multiply, S_OK, true, L"", L"", {1, 2}, {-5, 10}},
-        {"Divide", operation::Divide, S_OK, true, L"", L"", {1, 2}, {0.44, 0.08}},
-        {"Multiply, error info", operation::Multiply, refused, true, L"Stub.Imaginary", L"stub refused", {1, 2}, {}},
-        {"Divide, error info", operation::Divide, refused, true, L"Stub.Imaginary", L"stub refused", {1, 2}, {}},
-        {"Multiply, no error info", operation::Multiply, E_FAIL, false, L"CComplexNumber.Multiply", nullptr, {1, 2}},
-        // Add has stored the real sum when it reads the imaginary part.
-        {"Add, error info", operation::Add, refused, true, L"Stub.Imaginary", L"stub refused", {4, 2}, {}},
-    };
-    for (const row& r : rows) {
-        number z = make({1, 2});
-        stub_operand operand;
-        operand.parts = {3, 4};
-        operand.imaginary_failure = r.failure;
-        operand.supports_error_info = r.supports_error_info;
-        outcome out = apply(z.get(), r.o, {}, &operand);
-        EXPECT_EQ(hex(r.failure), hex(out.hr)) << r.name;
-        EXPECT_GT(operand.reads, 0) << r.name;
-        const error_info error = take_error_info();
-        EXPECT_EQ(r.source, error.source) << r.name;
-        if (r.description) EXPECT_EQ(r.description, error.description) << r.name;
-        EXPECT_TRUE(holds(z.get(), r.z_after)) << r.name;
-        if (FAILED(r.failure))
-            EXPECT_TRUE(out.retval_untouched) << r.name;
-        else
-            EXPECT_TRUE(holds(r.o == operation::Add ? z.get() : out.result.get(), r.result)) << r.name;
-    }
-}
 
 std::wstring text_form(_CComplexNumber* z) { return text_of(apply(z, operation::Text, {}).text.get()); }
 

@@ -121,23 +121,6 @@ TEST(Identity, EachClassAnswersForItsOwnInterfacesOnly) {
     }
 }
 
-TEST(Identity, OneUnknownBehindEveryInterface) {
-    com_ptr<IUnknown> object = create<IUnknown>(CLSID_UserInfo, IID_IUnknown);
-    const IID* asked[] = {&IID_IDispatch, &IID__UserInfo, &IID_UserInfo___v0, &IID_ISupportErrorInfo,
-                          &IID_IProvideClassInfo};
-    for (const IID* iid : asked) {
-        com_ptr<IUnknown> through;
-        ASSERT_EQ(S_OK, object->QueryInterface(*iid, through.put_void()));
-        com_ptr<IUnknown> identity;
-        ASSERT_EQ(S_OK, through->QueryInterface(IID_IUnknown, identity.put_void()));
-        EXPECT_EQ(object.get(), identity.get());
-    }
-    com_ptr<IUnknown> current, earlier;
-    object->QueryInterface(IID__UserInfo, current.put_void());
-    object->QueryInterface(IID_UserInfo___v0, earlier.put_void());
-    EXPECT_EQ(current.get(), earlier.get()) << "both IIDs give the same interface";
-}
-
 TEST(Identity, ClassInfoAndErrorInfoSupport) {
     for (const served_class& c : served_classes()) {
         com_ptr<IUnknown> object = create<IUnknown>(*c.clsid, IID_IUnknown);
@@ -168,28 +151,6 @@ TEST(Identity, ClassInfoAndErrorInfoSupport) {
         for (const IID* iid : c.interfaces) EXPECT_EQ(S_OK, support->InterfaceSupportsErrorInfo(*iid)) << c.name;
         EXPECT_EQ(S_FALSE, support->InterfaceSupportsErrorInfo(IID_IClassFactory)) << c.name;
     }
-}
-
-TEST(Anchor, HasNoMembersOfItsOwn) {
-    com_ptr<IDispatch> anchor = create<IDispatch>(CLSID_Class_vxTypes32, IID__Class_vxTypes32);
-    ASSERT_TRUE(anchor);
-    com_ptr<ITypeInfo> dispatch_view;
-    ASSERT_EQ(S_OK, anchor->GetTypeInfo(0, 0, dispatch_view.put()));
-    HREFTYPE vtable_reference = 0;
-    ASSERT_EQ(S_OK, dispatch_view->GetRefTypeOfImplType(-1, &vtable_reference));
-    com_ptr<ITypeInfo> vtable_view;
-    ASSERT_EQ(S_OK, dispatch_view->GetRefTypeInfo(vtable_reference, vtable_view.put()));
-    TYPEATTR* attributes = nullptr;
-    ASSERT_EQ(S_OK, vtable_view->GetTypeAttr(&attributes));
-    EXPECT_EQ(0, attributes->cFuncs) << "nothing beyond IDispatch";
-    EXPECT_EQ(7 * sizeof(void*), attributes->cbSizeVft) << "the seven IDispatch slots";
-    vtable_view->ReleaseTypeAttr(attributes);
-
-    wchar_t name[] = L"Logon";
-    LPOLESTR names[] = {name};
-    DISPID id = 0;
-    EXPECT_EQ(DISP_E_UNKNOWNNAME, anchor->GetIDsOfNames(IID_NULL, names, 1, 0, &id));
-    EXPECT_EQ(DISPID_UNKNOWN, id);
 }
 
 // Reads a property through IDispatch the way a given client sends it.
@@ -228,19 +189,6 @@ TEST(DualInterface, VtableAndLateBindingReachTheSameMember) {
         ASSERT_EQ(VT_BSTR, V_VT(result.get())) << call.how;
         EXPECT_EQ(logon, text_of(V_BSTR(result.get()))) << call.how;
     }
-}
-
-TEST(DualInterface, PropertiesHaveNoPutForm) {
-    com_ptr<IDispatch> user = create<IDispatch>(CLSID_UserInfo, IID_IDispatch);
-    VARIANT value;
-    V_VT(&value) = VT_I4;
-    V_I4(&value) = 1;
-    DISPID named = DISPID_PROPERTYPUT;
-    DISPPARAMS params = {&value, &named, 1, 1};
-    UINT argument_error = 0;
-    EXPECT_EQ(DISP_E_MEMBERNOTFOUND,
-              user->Invoke(0x68030000, IID_NULL, 0, DISPATCH_PROPERTYPUT, &params, nullptr, nullptr, &argument_error));
-    EXPECT_EQ(DISP_E_MEMBERNOTFOUND, invoke_get(user.get(), 0x12345, DISPATCH_PROPERTYGET, nullptr));
 }
 
 }  // namespace

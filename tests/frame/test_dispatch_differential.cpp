@@ -448,6 +448,24 @@ TEST(DispatchDifferential, EveryMemberAgreesWithTheTypeLibraryPath) {
             EXPECT_EQ(call(reference, 0x7777, flags, value, named_put), call(ours, 0x7777, flags, value, named_put))
                 << class_name << " unknown DISPID, flags " << flags;
         }
+        // A named argument one past the last parameter names nothing.
+        for (unsigned m = 0; m < members.count; ++m) {
+            const member_entry& member = members.members[m];
+            if (member.param_count == 0 || member.invoke_kind == INVOKE_PROPERTYPUT ||
+                member.invoke_kind == INVOKE_PROPERTYPUTREF)
+                continue;
+            VARIANT value, result;
+            VariantInit(&value);
+            VariantInit(&result);
+            DISPID past = static_cast<DISPID>(member.param_count);
+            DISPPARAMS params = {&value, &past, 1, 1};
+            UINT bad = 99;
+            EXPECT_EQ(hex(DISP_E_PARAMNOTFOUND), hex(object->Invoke(member.dispid, IID_NULL, 0, DISPATCH_METHOD | DISPATCH_PROPERTYGET,
+                                                                   &params, &result, nullptr, &bad)))
+                << class_name << "." << narrow(member.name) << " with a named argument past its last";
+            EXPECT_EQ(0u, bad);
+            VariantClear(&result);
+        }
     }
     EXPECT_GT(compared, 0u);
 }

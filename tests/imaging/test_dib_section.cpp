@@ -75,28 +75,6 @@ TEST(DibSectionStates, NewLiveReleasedAndRecreated) {
     EXPECT_EQ(8, f.height);
 }
 
-TEST(DibSectionCreateDib, HandsTheSectionToTheCallerOnly) {
-    com_ptr<_cDIBSection> section = new_section(4, 4);
-    const section_facts before = facts_of(section.get());
-    LONG_PTR handle = 0;
-    VARIANT_BOOL made = VARIANT_FALSE;
-    ASSERT_EQ(S_OK, section->CreateDIB(0, 6, 3, &handle, &made));
-    EXPECT_EQ(VARIANT_TRUE, made);
-    ASSERT_NE(0, handle);
-    const section_facts after = facts_of(section.get());
-    EXPECT_EQ(before.hdc, after.hdc) << "the DC stays";
-    EXPECT_EQ(before.hdib, after.hdib) << "the instance's section stays";
-    EXPECT_EQ(6, after.width);
-    EXPECT_EQ(3, after.height);
-    EXPECT_NE(before.bits, after.bits) << "the address is that of the caller's section";
-    EXPECT_TRUE(DeleteObject(reinterpret_cast<HGDIOBJ>(handle))) << "the caller deletes it";
-
-    handle = 77;
-    ASSERT_EQ(S_OK, section->CreateDIB(0, -5, 3, &handle, &made));
-    EXPECT_EQ(VARIANT_FALSE, made) << "a negative width is the platform's to refuse";
-    EXPECT_EQ(0, handle) << "a refused section writes 0";
-}
-
 TEST(DibSectionOverflow, SizeArithmeticRaisesError6) {
     struct row {
         const char* label;
@@ -216,22 +194,6 @@ TEST(DibSectionLoadPictureBlt, FillsTheSectionFromItsOrigin) {
             }
         }
     }
-}
-
-TEST(DibSectionBlits, InvalidDCsAndReleasedSectionsChangeNothing) {
-    com_ptr<_cDIBSection> section = new_section(8, 6), target = new_section(8, 6);
-    fill(section.get(), pattern);
-    fill(target.get(), 0x222222u);
-    EXPECT_EQ(S_OK, section->LoadPictureBlt(0x12345, 0, 0, -1, -1, RasterOpConstants(SRCCOPY))) << "invalid DC";
-    EXPECT_EQ(S_OK, section->PaintPicture(0x12345, 0, 0, -1, -1, 0, 0, RasterOpConstants(SRCCOPY))) << "invalid DC";
-    EXPECT_EQ(pattern(3, 2), pixel_at(section.get(), 3, 2)) << "the section is unchanged";
-    com_ptr<_cDIBSection> released = new_section(8, 6);
-    released->ClearUp();
-    EXPECT_EQ(S_OK, released->PaintPicture(facts_of(target.get()).hdc, 0, 0, -1, -1, 0, 0,
-                                           RasterOpConstants(SRCCOPY)));
-    EXPECT_EQ(S_OK, released->LoadPictureBlt(facts_of(section.get()).hdc, 0, 0, -1, -1,
-                                             RasterOpConstants(SRCCOPY)));
-    EXPECT_EQ(0x222222u, pixel_at(target.get(), 0, 0)) << "a released section paints nothing";
 }
 
 }  // namespace

@@ -68,14 +68,6 @@ bool set_bitmap(_clsBitmap* masked, HBITMAP bitmap) {
     return done == VARIANT_TRUE;
 }
 
-TEST(MaskedBitmap, NewInstanceReadsZero) {
-    com_ptr<_clsBitmap> masked = new_masked_bitmap();
-    const masked_facts f = facts_of(masked.get());
-    EXPECT_EQ(0, f.image);
-    EXPECT_EQ(0, f.width);
-    EXPECT_EQ(0, f.height);
-}
-
 TEST(MaskedBitmap, MaskIsACopyOfTheImageAndIsBuiltOnce) {
     HBITMAP bitmap = client_bitmap();
     {
@@ -177,13 +169,6 @@ TEST(MaskedBitmap, RefusedBitmapsReleaseEveryDC) {
         EXPECT_NE(0, GetObjectW(b, sizeof record, &record)) << "the client's bitmaps survive";
         DeleteObject(b);
     }
-}
-
-TEST(MaskedBitmap, MasksBeforeAnyBitmapAreThePlatformsAnswer) {
-    com_ptr<_clsBitmap> masked = new_masked_bitmap();
-    LONG_PTR value = -1;
-    EXPECT_EQ(S_OK, masked->get_MaskDC(&value)) << "raises nothing";
-    EXPECT_EQ(S_OK, masked->get_InvertImageDC(&value)) << "raises nothing";
 }
 
 }  // namespace

@@ -97,32 +97,6 @@ TEST(RecordInfo, EveryRecordHasItsIdentityAndInitsToZeroes) {
     }
 }
 
-TEST(RecordInfo, AllZeroReadingReadsBackEmpty) {
-    com_ptr<IRecordInfo> info = record_info(GUID_IPDataRecord);
-    ASSERT_TRUE(info);
-    IPDataRecord reading{};
-    ASSERT_EQ(S_OK, info->RecordInit(&reading));
-    const std::pair<const wchar_t*, VARTYPE> fields[] = {
-        {L"array_type", VT_BSTR}, {L"survey_type", VT_BSTR},    {L"Tx_line", VT_BSTR},     {L"Rx_line", VT_BSTR},
-        {L"Comments", VT_BSTR},   {L"reading_time", VT_DATE},   {L"UseData", VT_BOOL},     {L"UseRes", VT_BOOL},
-        {L"UseIP", VT_BOOL},      {L"raw_channel", VT_I4},      {L"c1", VT_R8},            {L"Rx_Line_Number", VT_R8},
-        {L"txI", VT_R4},          {L"EMC_dt", VT_R4},           {L"num_repeats", VT_I4},   {L"decay_area", VT_R8},
-    };
-    for (const auto& [name, type] : fields) {
-        const std::string where = narrow(name);
-        unique_variant value;
-        ASSERT_EQ(S_OK, info->GetField(&reading, name, value.put())) << where;
-        ASSERT_EQ(type, V_VT(value.get())) << where;
-        if (type == VT_BSTR) {
-            EXPECT_EQ(L"", text_of(V_BSTR(value.get()))) << where << " is the empty string";
-        } else {
-            unique_variant number;  // False converts to 0
-            ASSERT_EQ(S_OK, VariantChangeType(number.get(), value.get(), 0, VT_R8)) << where;
-            EXPECT_EQ(0.0, V_R8(number.get())) << where << " is zero";
-        }
-    }
-}
-
 using record_bytes = unsigned char*;
 BSTR& string_at(record_bytes record, ULONG offset) { return *reinterpret_cast<BSTR*>(record + offset); }
 std::wstring text_for(ULONG offset) { return L"text at " + std::to_wstring(offset); }

@@ -1,8 +1,7 @@
 // The component over long runs: instances of every class made, used and
 // released many times with the process's memory, GDI objects and handles
 // staying level; the DLL unloaded by the platform once nothing of it is in
-// use and loaded again on the next request; and registration and
-// unregistration, each twice, leaving the registry as they found it.
+// use and loaded again on the next request.
 //
 // The length is VXTYPES32_LIFECYCLE_CYCLES cycles per class, 10,000 unless
 // set; the DLL is unloaded and reloaded once per 100 of them (at least 10
@@ -24,7 +23,6 @@ namespace vx::test {
 namespace {
 
 const wchar_t* const dll_name = L"vxTypes32.dll";
-const wchar_t* const libid = L"{4CF34B96-9FF3-440A-A358-4CF5DCBADA69}";
 const wchar_t* const scratch_path = L"Software\\vxTypes32 tests\\lifecycle";
 
 long cycles() {
@@ -317,122 +315,6 @@ TEST_F(Lifecycle, TheDllUnloadsOnceUnusedAndLoadsAgain) {
         ASSERT_EQ(nullptr, GetModuleHandleW(dll_name)) << at << "the platform did not unload the DLL";
     }
     expect_level(std::to_string(reloads() - 2) + " unloads and reloads", *before, reloads() - 2);
-}
-
-TEST_F(Lifecycle, LoadingAndFreeingTheDllLeavesMemoryAndHandlesLevel) {
-    auto load_and_free = [] { FreeLibrary(LoadLibraryW(dll_path().c_str())); };
-    load_and_free();
-    load_and_free();
-    const resources before;
-    for (long i = 0; i < reloads(); ++i) load_and_free();
-    expect_level(std::to_string(reloads()) + " loads and frees", before, reloads());
-}
-
-// ---- Registration ---------------------------------------------------------------------
-
-// Every key that registration writes or removes, with its values: path,
-// then "path|value name" = type and data.
-using registry_snapshot = std::map<std::wstring, std::wstring>;
-
-void add_key(const std::wstring& path, registry_snapshot& into) {
-    unique_hkey key;
-    if (RegOpenKeyExW(HKEY_CLASSES_ROOT, path.c_str(), 0, KEY_READ, key.put()) != ERROR_SUCCESS) return;
-    into[path] = L"<key>";
-    wchar_t name[256];
-    BYTE data[2048];
-    DWORD name_length = 256, type = 0, bytes = sizeof data;
-    for (DWORD i = 0; RegEnumValueW(key.get(), i, name, &name_length, nullptr, &type, data, &bytes) == ERROR_SUCCESS;
-         ++i, name_length = 256, bytes = sizeof data) {
-        std::wstring text = std::to_wstring(type) + L":";
-        for (DWORD b = 0; b < bytes; ++b) text += L"0123456789ABCDEF"[data[b] >> 4], text += L"0123456789ABCDEF"[data[b] & 15];
-        into[path + L"|" + name] = text;
-    }
-    name_length = 256;
-    for (DWORD i = 0; RegEnumKeyExW(key.get(), i, name, &name_length, nullptr, nullptr, nullptr, nullptr) ==
-                      ERROR_SUCCESS;
-         ++i, name_length = 256)
-        add_key(path + L"\\" + name, into);
-}
-
-// The interfaces of the library and the earlier identity of _UserInfo.
-const wchar_t* const interface_ids[] = {
-    L"{F8C1D47F-C472-42B4-98C3-797A00CC45FF}", L"{3986CECB-15A2-4AEC-939B-6FA01FA5E59C}",
-    L"{BCFEA24D-F839-4CDF-86B8-FB46F906C28C}", L"{E0592E2C-A229-43F7-A393-8956C50648B5}",
-    L"{F4BBD37D-F4E6-41F9-B6BB-E27E25DACF7C}", L"{9245A22A-FEC2-4CA5-8D19-BC6484D89305}",
-    L"{46CA20A9-F4C9-459C-A3FB-19DFE14D73F8}", L"{ED5DAF74-73DE-4DA5-B0D3-CC8D70F6581B}",
-    L"{67D601DC-CB76-4D06-ADCC-D8F8780C249B}",
-};
-
-registry_snapshot snapshot() {
-    registry_snapshot s;
-    for (const class_entry& c : class_table()) {
-        wchar_t clsid[40] = {};
-        StringFromGUID2(*c.clsid, clsid, 40);
-        add_key(std::wstring(L"CLSID\\") + clsid, s);
-        add_key(std::wstring(L"vxTypes32.") + c.name, s);
-    }
-    add_key(std::wstring(L"TypeLib\\") + libid, s);
-    for (const wchar_t* iid : interface_ids) add_key(std::wstring(L"Interface\\") + iid, s);
-    return s;
-}
-
-// The first difference between two snapshots, or an empty string.
-std::string difference(const registry_snapshot& expected, const registry_snapshot& seen) {
-    for (const auto& [path, value] : expected) {
-        auto found = seen.find(path);
-        if (found == seen.end()) return "missing " + narrow(path);
-        if (found->second != value) return "changed " + narrow(path) + ": " + narrow(found->second);
-    }
-    for (const auto& [path, value] : seen)
-        if (!expected.count(path)) return "left behind " + narrow(path) + " = " + narrow(value);
-    return {};
-}
-
-TEST_F(Lifecycle, RegistrationAndUnregistrationEachTwiceLeaveTheRegistryAsFound) {
-    ASSERT_EQ(S_OK, call_export("DllUnregisterServer"));
-    const registry_snapshot nothing = snapshot();
-    EXPECT_TRUE(nothing.empty()) << "unregistered, yet " << narrow(nothing.begin()->first);
-
-    // Another version of the library, registered by someone else, stays.
-    const std::wstring other_version = std::wstring(L"TypeLib\\") + libid + L"\\1.0";
-    {
-        unique_hkey key;
-        ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(HKEY_CLASSES_ROOT, (other_version + L"\\0\\win32").c_str(), 0,
-                                                 nullptr, 0, KEY_ALL_ACCESS, nullptr, key.put(), nullptr));
-        const wchar_t path[] = L"C:\\elsewhere\\older.tlb";
-        RegSetValueExW(key.get(), nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(path), sizeof path);
-    }
-    const registry_snapshot before = snapshot();
-
-    ASSERT_EQ(S_OK, call_export("DllRegisterServer"));
-    const registry_snapshot registered = snapshot();
-    EXPECT_GT(registered.size(), before.size() + 40) << "registration wrote its keys";
-    ASSERT_EQ(S_OK, call_export("DllRegisterServer")) << "registering twice";
-    EXPECT_EQ("", difference(registered, snapshot())) << "registering twice";
-
-    ASSERT_EQ(S_OK, call_export("DllUnregisterServer"));
-    EXPECT_EQ("", difference(before, snapshot())) << "after unregistering";
-    ASSERT_EQ(S_OK, call_export("DllUnregisterServer")) << "unregistering twice";
-    EXPECT_EQ("", difference(before, snapshot())) << "after unregistering twice";
-
-    EXPECT_EQ(ERROR_SUCCESS, RegDeleteTreeW(HKEY_CLASSES_ROOT, (std::wstring(L"TypeLib\\") + libid).c_str()));
-    EXPECT_EQ("", difference(nothing, snapshot()));
-
-    // Ends registered, as the script clients expect.
-    ASSERT_EQ(S_OK, call_export("DllRegisterServer"));
-    registry_snapshot expected = registered;
-    for (auto i = expected.begin(); i != expected.end();)
-        i = i->first.compare(0, other_version.size(), other_version) == 0 ? expected.erase(i) : std::next(i);
-    EXPECT_EQ("", difference(expected, snapshot())) << "registered again";
-    CLSID clsid{};
-    EXPECT_EQ(S_OK, CLSIDFromProgID(L"vxTypes32.UserInfo", &clsid));
-}
-
-TEST_F(Lifecycle, RegisteringThroughLoadAndFreeLeavesNothingLoaded) {
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_EQ(S_OK, call_export("DllRegisterServer"));
-        EXPECT_EQ(nullptr, GetModuleHandleW(dll_name)) << "registration " << i << " kept the DLL loaded";
-    }
 }
 
 }  // namespace

@@ -10,47 +10,6 @@
 namespace vx::test {
 namespace {
 
-TEST(QuickSortConnections, TheContainerOffersExactlyTheEventsInterface) {
-    connected_sorter s = new_sorter();
-    ASSERT_TRUE(s.point);
-    IID iid = IID_NULL;
-    EXPECT_EQ(S_OK, s.point->GetConnectionInterface(&iid));
-    EXPECT_TRUE(IsEqualIID(DIID___clsQuickSort, iid));
-
-    com_ptr<IConnectionPointContainer> container =
-        s.sorter.query<IConnectionPointContainer>(IID_IConnectionPointContainer);
-    com_ptr<IConnectionPointContainer> back;
-    EXPECT_EQ(S_OK, s.point->GetConnectionPointContainer(back.put()));
-    EXPECT_EQ(container.get(), back.get()) << "the point leads back to its container";
-
-    const IID others[] = {IID_IDispatch, IID__clsQuickSort, IID_IUnknown};
-    for (const IID& other : others) {
-        com_ptr<IConnectionPoint> none;
-        EXPECT_EQ(hex(CONNECT_E_NOCONNECTION), hex(container->FindConnectionPoint(other, none.put())));
-        EXPECT_FALSE(none);
-    }
-
-    com_ptr<IEnumConnectionPoints> points;
-    ASSERT_EQ(S_OK, container->EnumConnectionPoints(points.put()));
-    IConnectionPoint* got[2] = {};
-    ULONG fetched = 0;
-    EXPECT_EQ(S_FALSE, points->Next(2, got, &fetched));
-    ASSERT_EQ(1u, fetched) << "one connection point";
-    IID listed = IID_NULL;
-    got[0]->GetConnectionInterface(&listed);
-    EXPECT_TRUE(IsEqualIID(DIID___clsQuickSort, listed));
-    got[0]->Release();
-    EXPECT_EQ(S_OK, points->Reset());
-    EXPECT_EQ(S_OK, points->Skip(1));
-    EXPECT_EQ(S_FALSE, points->Skip(1));
-
-    com_ptr<IProvideClassInfo2> info = s.sorter.query<IProvideClassInfo2>(IID_IProvideClassInfo2);
-    ASSERT_TRUE(info);
-    GUID source = GUID_NULL;
-    EXPECT_EQ(S_OK, info->GetGUID(GUIDKIND_DEFAULT_SOURCE_DISP_IID, &source));
-    EXPECT_TRUE(IsEqualIID(DIID___clsQuickSort, source));
-}
-
 TEST(QuickSortConnections, AdviseTakesTheEventsInterfaceOrIDispatch) {
     struct case_ {
         const char* name;
@@ -154,78 +113,6 @@ TEST(QuickSortConnections, EveryConnectedSinkGetsEveryEventAndTheLastAnswerCount
     }
     s.point->Unadvise(a);
     s.point->Unadvise(b);
-}
-
-TEST(QuickSortConnections, ASinkThatDoesNotKnowAnEventIsPassedOver) {
-    for (HRESULT unknown : {DISP_E_MEMBERNOTFOUND, DISP_E_UNKNOWNNAME}) {
-        for (bool alone : {true, false}) {
-            const std::string name = hex(unknown) + (alone ? ", alone" : ", before a sink that sorts");
-            item_store store{1, {3, 1, 2}};
-            connected_sorter s = new_sorter();
-            recording_sink ignorant(nullptr), worker(&store);
-            ignorant.before = [&](DISPID, LONG, LONG, SHORT*, EXCEPINFO*) { return unknown; };
-            const DWORD first = s.advise(&ignorant), second = alone ? 0 : s.advise(&worker);
-            EXPECT_EQ(S_OK, s.sorter->Sort(3, 1)) << name;
-            // Unanswered, every comparison says "equal": one pass, no swaps.
-            EXPECT_EQ(alone ? 5 : 7, ignorant.events) << name;
-            EXPECT_EQ(alone ? 0 : 7, worker.events) << name << ": the next sink still gets each event";
-            EXPECT_EQ((std::vector<int>{alone ? 3 : 1, alone ? 1 : 2, alone ? 2 : 3}), store.values) << name;
-            s.point->Unadvise(first);
-            if (!alone) s.point->Unadvise(second);
-        }
-    }
-}
-
-TEST(QuickSortConnections, SinksConnectedOrDisconnectedInsideAnEventTakeEffectFromTheNextSink) {
-    struct case_ {
-        const char* name;
-        int sinks;                  // connected before the sort; the first one sorts
-        int victim;                 // which one the first sink disconnects at the first event; -1: none
-        bool connects_another;      // the first sink connects one more at the first event
-        std::vector<long> events;   // heard by each sink, the late one last
-    };
-    // Three items in order: five comparisons; then Sort(2) asks once more.
-    const case_ cases[] = {
-        {"alone, disconnects itself", 1, 0, false, {1}},
-        {"of two, disconnects itself", 2, 0, false, {1, 6}},
-        {"of two, disconnects the other", 2, 1, false, {6, 0}},
-        {"of three, disconnects the middle one", 3, 1, false, {6, 0, 6}},
-        {"alone, connects another", 1, -1, true, {6, 5}},
-        {"of two, swaps the other for a new one", 2, 1, true, {6, 0, 5}},
-    };
-    for (const case_& c : cases) {
-        item_store store{1, {1, 2, 3}};
-        connected_sorter s = new_sorter();
-        std::vector<std::unique_ptr<recording_sink>> sinks;
-        for (int i = 0; i <= c.sinks; ++i) sinks.push_back(std::make_unique<recording_sink>(i == 0 ? &store : nullptr));
-        std::vector<DWORD> cookies(c.sinks + 1);
-        bool done = false;
-        sinks[0]->before = [&](DISPID, LONG, LONG, SHORT*, EXCEPINFO*) {
-            if (done) return S_OK;
-            done = true;
-            if (c.victim >= 0) {
-                EXPECT_EQ(S_OK, s.point->Unadvise(cookies[c.victim])) << c.name;
-                EXPECT_EQ(hex(CONNECT_E_NOCONNECTION), hex(s.point->Unadvise(cookies[c.victim]))) << c.name;
-                cookies[c.victim] = 0;
-            }
-            if (c.connects_another) cookies[c.sinks] = s.advise(sinks[c.sinks].get());
-            return S_OK;
-        };
-        for (int i = 0; i < c.sinks; ++i) cookies[i] = s.advise(sinks[i].get());
-        EXPECT_EQ(S_OK, s.sorter->Sort(3, 1)) << c.name;
-        // After the sort the disconnected are gone for good and the rest
-        // still hear everything.
-        EXPECT_EQ(S_OK, s.sorter->Sort(2, 1)) << c.name;
-        for (size_t i = 0; i < c.events.size(); ++i) {
-            const size_t which = i < static_cast<size_t>(c.sinks) ? i : c.sinks;
-            EXPECT_EQ(c.events[i], sinks[which]->events) << c.name << ", sink " << which;
-        }
-        for (DWORD cookie : cookies) {
-            if (cookie) {
-                EXPECT_EQ(S_OK, s.point->Unadvise(cookie)) << c.name;
-            }
-        }
-    }
 }
 
 TEST(QuickSortConnections, AHandlerMayReleaseTheLastReferenceToTheSorter) {

@@ -139,58 +139,6 @@ TEST(QuickSortEvents, ShortRangesAndWorkedExamplesGiveExactlyTheContractedEvents
     }
 }
 
-TEST(QuickSortEvents, LargerRangesFollowTheRecursiveSchemeAndEndSorted) {
-    std::mt19937 random(20240611);
-    auto permutation = [&](int n) {
-        std::vector<int> v(n);
-        for (int i = 0; i < n; ++i) v[i] = i;
-        std::shuffle(v.begin(), v.end(), random);
-        return v;
-    };
-    auto with_duplicates = [&](int n) {
-        std::vector<int> v(n);
-        for (int& x : v) x = static_cast<int>(random() % 7);
-        return v;
-    };
-    auto ascending = [](int n) {
-        std::vector<int> v(n);
-        for (int i = 0; i < n; ++i) v[i] = i;
-        return v;
-    };
-    auto descending = [](int n) {
-        std::vector<int> v(n);
-        for (int i = 0; i < n; ++i) v[i] = n - i;
-        return v;
-    };
-    struct case_ {
-        const char* name;
-        LONG first;
-        std::vector<int> items;
-    };
-    const case_ cases[] = {
-        {"random permutation of 300", 1, permutation(300)},
-        {"random keys with duplicates", 1, with_duplicates(200)},
-        {"presorted 150", 1, ascending(150)},
-        {"reverse-sorted 150", 1, descending(150)},
-        {"all equal 60", 1, std::vector<int>(60, 3)},
-        {"indices -5 to 5", -5, permutation(11)},
-        {"indices from 0", 0, permutation(40)},
-    };
-    for (const case_& c : cases) {
-        const LONG last = c.first + static_cast<LONG>(c.items.size()) - 1;
-        reference_sort reference({c.first, c.items});
-        reference.sort_range(c.first, last);
-        std::vector<int> sorted = c.items;
-        std::sort(sorted.begin(), sorted.end());
-
-        const sort_outcome got = run_sort({c.first, c.items}, last, c.first);
-        EXPECT_EQ(S_OK, got.hr) << c.name;
-        EXPECT_EQ(sorted, got.order) << c.name;
-        EXPECT_EQ(reference.events.size(), got.events.size()) << c.name;
-        EXPECT_TRUE(reference.events == got.events) << c.name << ": the event sequences differ";
-    }
-}
-
 // Presorted or all-equal n >= 2 items: each partition of k >= 3 items asks
 // k + 1 times and leaves the pivot first; the last two items ask once.
 long long presorted_comparisons(long long n) { return n * (n + 1) / 2 + n - 4; }
@@ -246,28 +194,6 @@ TEST(QuickSortEvents, PresortedAndEqualRangesCostTheQuadraticCountWithoutSwapsAn
         EXPECT_EQ(presorted_comparisons(c.n), run.comparisons) << c.name;
         EXPECT_EQ(0, run.swaps) << c.name;
     }
-}
-
-TEST(QuickSortEvents, AnswersThatNeverSayAfterLeaveTheStoreAsItWas) {
-    const std::vector<int> unsorted = {5, 3, 9, 1, 7, 2, 8};
-    for (answer_style style : {answer_style::less_or_zero, answer_style::left_unset}) {
-        const char* name = style == answer_style::less_or_zero ? "answers -1 or 0" : "never answers";
-        const sort_outcome got = run_sort({1, unsorted}, 7, 1, style);
-        EXPECT_EQ(S_OK, got.hr) << name;
-        EXPECT_EQ(unsorted, got.order) << name;
-        EXPECT_EQ(0, std::count_if(got.events.begin(), got.events.end(),
-                                   [](const std::string& e) { return e.rfind("SwapItems", 0) == 0; }))
-            << name;
-    }
-}
-
-TEST(QuickSortEvents, WithNoSinkTheSortEndsNormally) {
-    connected_sorter s = new_sorter();
-    EXPECT_EQ(S_OK, s.sorter->put_runtime(-7));
-    EXPECT_EQ(S_OK, s.sorter->Sort(100, 1));
-    LONG runtime = -7;
-    EXPECT_EQ(S_OK, s.sorter->get_runtime(&runtime));
-    EXPECT_GE(runtime, 0) << "runtime is written by a completed sort";
 }
 
 TEST(QuickSortErrors, IndexArithmeticOverflowsWithError6) {

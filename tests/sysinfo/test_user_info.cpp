@@ -63,19 +63,6 @@ TEST(UserInfoLogon, ANameTooLongRaisesTheSystemsBufferError) {
     }
 }
 
-TEST(UserInfoLogon, IsTheDefaultMemberAndRepeatable) {
-    scoped_user_name user(L"fieldcrew");
-    com_ptr<IDispatch> object = create<IDispatch>(CLSID_UserInfo, IID_IDispatch);
-    for (int call = 0; call < 2; ++call) {
-        unique_variant value;
-        DISPPARAMS none = {nullptr, nullptr, 0, 0};
-        ASSERT_EQ(S_OK, object->Invoke(DISPID_VALUE, IID_NULL, 0, DISPATCH_PROPERTYGET, &none, value.get(), nullptr,
-                                       nullptr));
-        ASSERT_EQ(VT_BSTR, V_VT(value.get()));
-        EXPECT_EQ(L"fieldcrew", text_of(V_BSTR(value.get()))) << "call " << call;
-    }
-}
-
 TEST(UserInfoLateBound, AFailureArrivesAsAnExceptionWithItsNumberAndText) {
     scoped_user_name user(std::wstring(256, L'z'));
     com_ptr<IDispatch> object = create<IDispatch>(CLSID_UserInfo, IID_IDispatch);
