@@ -26,9 +26,12 @@ std::wstring upper(std::wstring text) {
 class scratch_key {
 public:
     // Named after the test, so that tests running side by side never share one.
-    scratch_key() : relative_(L"Software\\vxTypes32 tests\\" + widen(testing::UnitTest::GetInstance()->current_test_info()->name())) {
+    scratch_key()
+        : relative_(L"Software\\vxTypes32 tests\\" +
+                    widen(testing::UnitTest::GetInstance()->current_test_info()->name())) {
         RegDeleteTreeW(HKEY_CURRENT_USER, relative_.c_str());
-        EXPECT_EQ(0, RegCreateKeyExW(HKEY_CURRENT_USER, relative_.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, key_.put(), nullptr));
+        EXPECT_EQ(0, RegCreateKeyExW(HKEY_CURRENT_USER, relative_.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
+                                     key_.put(), nullptr));
     }
     ~scratch_key() {
         key_.reset();
@@ -49,7 +52,8 @@ public:
     }
     void add_key(const std::wstring& below) const {
         unique_hkey key;
-        EXPECT_EQ(0, RegCreateKeyExW(key_.get(), below.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, key.put(), nullptr));
+        EXPECT_EQ(0, RegCreateKeyExW(key_.get(), below.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, key.put(),
+                                     nullptr));
     }
     bool has_key(const std::wstring& below) const {
         unique_hkey key;
@@ -190,8 +194,13 @@ VARIANT byte_array(const bytes& data, LONG lower = 0, ULONG second_dimension = 0
     return v;
 }
 
-VARIANT variant_array() { VARIANT v; V_VT(&v) = VT_ARRAY | VT_VARIANT; V_ARRAY(&v) = SafeArrayCreateVector(VT_VARIANT, 0, 3); return v; }
 // clang-format on
+VARIANT variant_array() {
+    VARIANT v;
+    V_VT(&v) = VT_ARRAY | VT_VARIANT;
+    V_ARRAY(&v) = SafeArrayCreateVector(VT_VARIANT, 0, 3);
+    return v;
+}
 
 TEST(EasyRegistryNavigation, PathsResolveAsStated) {
     struct step { std::wstring path; long status; std::wstring current_key; };  // "~" is the scratch key
