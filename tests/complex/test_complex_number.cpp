@@ -10,7 +10,6 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
-#include <random>
 #include <string>
 
 namespace vx::test {
@@ -33,8 +32,7 @@ struct value { double real, imaginary; };
 
 // Bit for bit, so that -0 and +0 differ; any NaN matches any NaN.
 bool same(double a, double b) {
-    if (std::isnan(a) || std::isnan(b)) return std::isnan(a) && std::isnan(b);
-    return std::memcmp(&a, &b, sizeof a) == 0;
+    return std::isnan(a) || std::isnan(b) ? std::isnan(a) && std::isnan(b) : !std::memcmp(&a, &b, sizeof a);
 }
 
 ::testing::AssertionResult holds(_CComplexNumber* z, value expected) {
@@ -50,10 +48,7 @@ bool same(double a, double b) {
 number make(value v, bool local = false) {
     number z = local ? create_local<_CComplexNumber>(CLSID_CComplexNumber, IID__CComplexNumber)
                      : create<_CComplexNumber>(CLSID_CComplexNumber, IID__CComplexNumber);
-    if (z) {
-        z->put_Real(v.real);
-        z->put_Imaginary(v.imaginary);
-    }
+    if (z) z->put_Real(v.real), z->put_Imaginary(v.imaginary);
     return z;
 }
 
@@ -117,27 +112,20 @@ outcome apply(_CComplexNumber* z, operation o, value operand, _CComplexNumber* o
 }
 
 TEST(ComplexNumber, InitAndAddReturnTheObjectItselfAndComplexANewOne) {
-    number z = make({1, 2});
-    number operand = make({3, 4});
-    _CComplexNumber* raw = nullptr;
+    number z = make({1, 2}), operand = make({3, 4});
+    _CComplexNumber *raw = nullptr, *other = operand.get();
     double c = 5, d = 6;
     ASSERT_EQ(S_OK, z->Init(&c, &d, &raw));
     EXPECT_EQ(z.get(), raw) << "Init";
-    const ULONG references = z->AddRef();
-    z->Release();
-    EXPECT_EQ(3u, references) << "Init added one reference";
-    raw->Release();
-    EXPECT_TRUE(holds(z.get(), {5, 6})) << "Init";
-    _CComplexNumber* other = operand.get();
+    EXPECT_EQ(3u, z->AddRef()) << "Init added one reference";
+    z->Release(), raw->Release();
     ASSERT_EQ(S_OK, z->Add(&other, &raw));
     EXPECT_EQ(z.get(), raw) << "Add";
     raw->Release();
-    EXPECT_TRUE(holds(z.get(), {8, 10})) << "Add";
-
+    EXPECT_TRUE(holds(z.get(), {8, 10})) << "Init, then Add";
     ASSERT_EQ(S_OK, z->Complex(&c, &d, &raw));
     number made = number::attach(raw);
-    EXPECT_NE(z.get(), raw) << "Complex";
-    EXPECT_TRUE(holds(raw, {5, 6})) << "Complex";
+    EXPECT_TRUE(z.get() != raw && holds(raw, {5, 6})) << "Complex";
     EXPECT_TRUE(holds(z.get(), {8, 10})) << "Complex changed the object";
 }
 
@@ -182,17 +170,6 @@ TEST(ComplexNumber, WorkedValues) {
         }
         EXPECT_TRUE(holds(z.get(), r.z)) << r.name << ": the object changed";
         EXPECT_TRUE(holds(operand.get(), r.operand)) << r.name << ": the operand changed";
-    }
-    // z with itself as the operand.
-    for (const value& v : {value{1, 2}, value{std::ldexp(1.0, 300), -std::ldexp(1.0, 300)}}) {
-        number z = make(v);
-        EXPECT_TRUE(holds(apply(z.get(), operation::Divide, {}, z.get()).result.get(), {1, 0})) << v.real << " z/z";
-        EXPECT_TRUE(holds(apply(z.get(), operation::Multiply, {}, z.get()).result.get(),
-                          {v.real * v.real - v.imaginary * v.imaginary, 2 * v.real * v.imaginary}))
-            << v.real << " z*z";
-        EXPECT_TRUE(holds(z.get(), v)) << v.real << " z changed";
-        EXPECT_TRUE(holds(apply(z.get(), operation::Add, {}, z.get()).result.get(), {2 * v.real, 2 * v.imaginary}))
-            << v.real << " z.Add(z)";
     }
 }
 
@@ -242,76 +219,6 @@ TEST(ComplexNumber, FailuresRaiseTheRuntimesErrorsAndLeaveNothingBehind) {
     }
 }
 
-// An operand of its own: getters only; any other call is a fault.
-class stub_operand final : public _CComplexNumber, public ISupportErrorInfo {
-public:
-    value parts{0, 0};
-    HRESULT imaginary_failure = S_OK;
-    bool supports_error_info = true;
-    int reads = 0;
-
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
-        *object = nullptr;
-        if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch) || IsEqualIID(iid, IID__CComplexNumber))
-            *object = static_cast<_CComplexNumber*>(this);
-        else if (IsEqualIID(iid, IID_ISupportErrorInfo) && supports_error_info)
-            *object = static_cast<ISupportErrorInfo*>(this);
-        else
-            return E_NOINTERFACE;
-        return S_OK;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
-    ULONG STDMETHODCALLTYPE Release() override { return 1; }
-    HRESULT STDMETHODCALLTYPE InterfaceSupportsErrorInfo(REFIID iid) override {
-        return IsEqualIID(iid, IID__CComplexNumber) ? S_OK : S_FALSE;
-    }
-    HRESULT STDMETHODCALLTYPE get_Real(DOUBLE* result) override {
-        ++reads;
-        // An invalid operation of the getter's own, whose flag it leaves
-        // set: no error of the member's.
-        volatile double zero = 0, unbounded = infinity;
-        zero = zero * unbounded;
-        *result = parts.real;
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE get_Imaginary(DOUBLE* result) override {
-        ++reads;
-        if (FAILED(imaginary_failure)) {
-            automation_error error{static_cast<long>(imaginary_failure & 0xFFFF), L"Stub.Imaginary", L"stub refused"};
-            if (supports_error_info) set_error_info(error);
-            return imaginary_failure;
-        }
-        *result = parts.imaginary;
-        return S_OK;
-    }
-    HRESULT unexpected(const char* what) {
-        ADD_FAILURE() << "unexpected call to the operand: " << what;
-        return E_UNEXPECTED;
-    }
-    HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT*) override { return unexpected("GetTypeInfoCount"); }
-    HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return unexpected("GetTypeInfo"); }
-    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override {
-        return unexpected("GetIDsOfNames");
-    }
-    HRESULT STDMETHODCALLTYPE Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*, UINT*) override {
-        return unexpected("Invoke");
-    }
-    HRESULT STDMETHODCALLTYPE put_Real(DOUBLE) override { return unexpected("put_Real"); }
-    HRESULT STDMETHODCALLTYPE put_Imaginary(DOUBLE) override { return unexpected("put_Imaginary"); }
-    HRESULT STDMETHODCALLTYPE Init(DOUBLE*, DOUBLE*, _CComplexNumber**) override { return unexpected("Init"); }
-    HRESULT STDMETHODCALLTYPE Complex(DOUBLE*, DOUBLE*, _CComplexNumber**) override { return unexpected("Complex"); }
-    HRESULT STDMETHODCALLTYPE Add(_CComplexNumber**, _CComplexNumber**) override { return unexpected("Add"); }
-    HRESULT STDMETHODCALLTYPE Add2(DOUBLE*, DOUBLE*, _CComplexNumber**) override { return unexpected("Add2"); }
-    HRESULT STDMETHODCALLTYPE Subtract2(DOUBLE*, DOUBLE*, _CComplexNumber**) override { return unexpected("Subtract2"); }
-    HRESULT STDMETHODCALLTYPE Multiply2(DOUBLE*, DOUBLE*, _CComplexNumber**) override { return unexpected("Multiply2"); }
-    HRESULT STDMETHODCALLTYPE Multiply(_CComplexNumber**, _CComplexNumber**) override { return unexpected("Multiply"); }
-    HRESULT STDMETHODCALLTYPE Divide(_CComplexNumber**, _CComplexNumber**) override { return unexpected("Divide"); }
-    HRESULT STDMETHODCALLTYPE Reciprocal(_CComplexNumber**) override { return unexpected("Reciprocal"); }
-    HRESULT STDMETHODCALLTYPE Magnitude(DOUBLE*) override { return unexpected("Magnitude"); }
-    HRESULT STDMETHODCALLTYPE Divide2(DOUBLE*, DOUBLE*, _CComplexNumber**) override { return unexpected("Divide2"); }
-    HRESULT STDMETHODCALLTYPE Text(BSTR*) override { return unexpected("Text"); }
-};
-
 std::wstring text_form(_CComplexNumber* z) { return text_of(apply(z, operation::Text, {}).text.get()); }
 
 TEST(ComplexNumber, TextFollowsItsFourRules) {
@@ -350,8 +257,7 @@ unsigned short exception_flags() { unsigned short status; asm volatile("fnstsw %
 // clang-format on
 void load_control_word(unsigned short word) { asm volatile("fnclex\n\tfldcw %0" : : "m"(word)); }
 
-// An x87 trap would end the program; this counts it and lets it go on with
-// every exception masked.
+// An x87 trap would end the program: counted, and resumed with all masked.
 volatile LONG float_traps = 0;
 LONG CALLBACK count_float_trap(EXCEPTION_POINTERS* info) {
     const DWORD code = info->ExceptionRecord->ExceptionCode;
@@ -360,23 +266,6 @@ LONG CALLBACK count_float_trap(EXCEPTION_POINTERS* info) {
     info->ContextRecord->FloatSave.ControlWord |= 0x3F;
     info->ContextRecord->FloatSave.StatusWord &= ~0x80FFu;
     return EXCEPTION_CONTINUE_EXECUTION;
-}
-
-// Calls what in the caller's x87 environment given by control, with the
-// caller's own sticky precision flag set, and gives back the environment the
-// caller found afterwards.
-struct environment_after { unsigned short control, flags; LONG traps; };
-template <class Call>
-environment_after in_callers_environment(unsigned short control, Call what) {
-    const unsigned short ours = control_word();
-    float_traps = 0;
-    load_control_word(control);
-    volatile long double inexact = 1.0L;  // the x87 in 32-bit and 64-bit code
-    inexact = inexact / 3;
-    what();
-    const environment_after after{control_word(), exception_flags(), float_traps};
-    load_control_word(ours);
-    return after;
 }
 
 TEST(ComplexNumber, SetsItsOwnX87EnvironmentAndGivesTheCallersBack) {

@@ -1,11 +1,8 @@
 // The component over long runs: instances of every class made, used and
-// released many times with the process's memory, GDI objects and handles
-// staying level; the DLL unloaded by the platform once nothing of it is in
-// use and loaded again on the next request.
-//
-// The length is VXTYPES32_LIFECYCLE_CYCLES cycles per class, 10,000 unless
-// set; the DLL is unloaded and reloaded once per 100 of them (at least 10
-// times).
+// released many times with memory, GDI objects and handles staying level;
+// the DLL unloaded by the platform once unused and loaded again. The length
+// is VXTYPES32_LIFECYCLE_CYCLES cycles per class (10,000 unless set), with
+// one unload and reload per 100 of them (at least 10).
 #include "frame/class_table.h"
 #include "sort/sort_sinks.h"
 #include "support/resource_counts.h"
@@ -16,7 +13,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
-#include <map>
 #include <memory>
 
 namespace vx::test {
@@ -77,15 +73,12 @@ com_ptr<Interface> as(IUnknown* object, REFIID iid) {
     return com_ptr<IUnknown>::copy(object).query<Interface>(iid);
 }
 
-// ---- Using each class once ------------------------------------------------------------
-
 // One use of a new instance, as a client would: every class touches what it
 // owns (pixel memory and DCs, the open key, the connection) and leaves some
 // of it for its termination step. Each returns false on a wrong answer.
 bool use_anchor(IUnknown* object, long) {
     com_ptr<ITypeInfo> info;
-    com_ptr<IDispatch> dual = as<IDispatch>(object, IID_IDispatch);
-    return dual && dual->GetTypeInfo(0, 0, info.put()) == S_OK && info;
+    return as<IDispatch>(object, IID_IDispatch)->GetTypeInfo(0, 0, info.put()) == S_OK && info;
 }
 
 bool use_complex(IUnknown* object, long) {
@@ -96,10 +89,9 @@ bool use_complex(IUnknown* object, long) {
     z->Multiply2(&real, &imaginary, product.put());
     unique_bstr text;
     if (!product || product->Text(text.put()) != S_OK || text_of(text.get()) != L"-5+10i") return false;
-    real = 0, imaginary = 0;
-    // A raised error: the exception, the error info and their strings.
-    const bool raised = z->Divide2(&real, &imaginary, quotient.put()) == static_cast<HRESULT>(0x800A0006);  // 0/0: overflow
-    return raised && take_error_info().source == L"CComplexNumber.Divide2";
+    real = 0, imaginary = 0;  // 0/0: an error raised, with its error info and strings
+    return z->Divide2(&real, &imaginary, quotient.put()) == static_cast<HRESULT>(0x800A0006) &&
+           take_error_info().source == L"CComplexNumber.Divide2";
 }
 
 bool use_dib_section(IUnknown* object, long cycle) {
@@ -174,8 +166,7 @@ bool use_masked_bitmap(IUnknown* object, long) {
 bool use_user_info(IUnknown* object, long) {
     com_ptr<_UserInfo> user = as<_UserInfo>(object, IID__UserInfo);
     unique_variant logon, computer;
-    return user->get_Logon(logon.get()) == S_OK && V_VT(logon.get()) == VT_BSTR &&
-           user->get_ComputerName(computer.get()) == S_OK && V_VT(computer.get()) == VT_BSTR;
+    return user->get_Logon(logon.get()) == S_OK && user->get_ComputerName(computer.get()) == S_OK;
 }
 
 struct class_use {
@@ -223,23 +214,19 @@ HRESULT call_in(HMODULE module, const char* name) {
     return function ? function() : E_UNEXPECTED;
 }
 
-// Calls one export of the DLL the way regsvr32 does: loaded for the call
-// and freed after it.
-HRESULT call_export(const char* name) {
+// Registers the way regsvr32 does: the DLL loaded for the call and freed after it.
+HRESULT register_server() {
     HMODULE module = LoadLibraryW(dll_path().c_str());
-    if (!module) return HRESULT_FROM_WIN32(GetLastError());
-    const HRESULT result = call_in(module, name);
-    FreeLibrary(module);
+    const HRESULT result = call_in(module, "DllRegisterServer");
+    if (module) FreeLibrary(module);
     return result;
 }
 
 // Looked up, not loaded: the test holds no reference of its own.
 HRESULT ask_can_unload() { return call_in(GetModuleHandleW(dll_name), "DllCanUnloadNow"); }
 
-// ---- Many cycles ----------------------------------------------------------------------
-
 TEST_F(Lifecycle, ManyInstancesOfEveryClassLeaveMemoryAndHandlesLevel) {
-    ASSERT_EQ(S_OK, call_export("DllRegisterServer"));
+    ASSERT_EQ(S_OK, register_server());
     EXPECT_EQ(std::size(uses), static_cast<std::size_t>(class_table_end() - class_table_begin()));
     const long count = cycles();
     for (const class_entry& entry : class_table()) {
@@ -272,10 +259,8 @@ TEST_F(Lifecycle, ManyInstancesOfEveryClassLeaveMemoryAndHandlesLevel) {
     }
 }
 
-// ---- Unloading ------------------------------------------------------------------------
-
 TEST_F(Lifecycle, TheDllUnloadsOnceUnusedAndLoadsAgain) {
-    ASSERT_EQ(S_OK, call_export("DllRegisterServer"));
+    ASSERT_EQ(S_OK, register_server());
     CoFreeUnusedLibrariesEx(0, 0);
     ASSERT_EQ(nullptr, GetModuleHandleW(dll_name)) << "something still holds the DLL before the test";
     // A class-object lock keeps the DLL too, with no instance alive.

@@ -26,25 +26,16 @@ struct item_store {
 
     int& at(LONG index) {
         const long long offset = static_cast<long long>(index) - base;
-        if (offset < 0 || offset >= static_cast<long long>(values.size())) {
-            ADD_FAILURE() << "an event named index " << index << ", outside the range";
-            static int nowhere;
-            return nowhere;
-        }
-        return values[static_cast<size_t>(offset)];
+        static int nowhere;
+        if (offset >= 0 && offset < static_cast<long long>(values.size())) return values[static_cast<size_t>(offset)];
+        ADD_FAILURE() << "an event named index " << index << ", outside the range";
+        return nowhere;
     }
-};
-
-enum class answer_style {
-    three_way,       // -1, 0 or 1: the contract
-    less_or_zero,    // -1 when the first is smaller, else 0: a yes/no reading of the name
-    left_unset,      // never touches the answer
 };
 
 class recording_sink final : public IDispatch {
 public:
-    explicit recording_sink(item_store* store, answer_style style = answer_style::three_way)
-        : store_(store), style_(style) {}
+    explicit recording_sink(item_store* store) : store_(store) {}
     recording_sink(const recording_sink&) = delete;
     recording_sink& operator=(const recording_sink&) = delete;
     ~recording_sink() { EXPECT_EQ(0, references_) << "the sorter kept a reference to a sink"; }
@@ -107,11 +98,7 @@ public:
             return S_OK;
         }
         const int a = store_->at(first.lVal), b = store_->at(second.lVal);
-        switch (style_) {
-        case answer_style::three_way: *answer = a < b ? -1 : a > b ? 1 : 0; break;
-        case answer_style::less_or_zero: *answer = a < b ? -1 : 0; break;
-        case answer_style::left_unset: break;
-        }
+        *answer = a < b ? -1 : a > b ? 1 : 0;
         return S_OK;
     }
 
@@ -122,7 +109,6 @@ private:
     }
 
     item_store* store_;
-    answer_style style_;
     long references_ = 0;
 };
 
@@ -132,8 +118,7 @@ struct connected_sorter {
     com_ptr<IConnectionPoint> point;
 
     explicit connected_sorter(com_ptr<_clsQuickSort> made) : sorter(std::move(made)) {
-        com_ptr<IConnectionPointContainer> container =
-            sorter.query<IConnectionPointContainer>(IID_IConnectionPointContainer);
+        auto container = sorter.query<IConnectionPointContainer>(IID_IConnectionPointContainer);
         EXPECT_TRUE(container) << "no IConnectionPointContainer";
         if (container) {
             EXPECT_EQ(S_OK, container->FindConnectionPoint(DIID___clsQuickSort, point.put()));

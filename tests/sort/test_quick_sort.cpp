@@ -1,6 +1,5 @@
-// clsQuickSort: the exact events of a sort, the order it leaves, how deep
-// it may nest, the overflow of its index arithmetic, failing handlers and
-// runtime.
+// clsQuickSort: the exact events of a sort, the order it leaves, how deep it
+// may nest, the overflow of its index arithmetic, failing handlers, runtime.
 #include "frame/runtime.h"
 #include "sort/sort_sinks.h"
 
@@ -8,65 +7,9 @@
 #include <climits>
 #include <functional>
 #include <optional>
-#include <random>
 
 namespace vx::test {
 namespace {
-
-// The scheme as the contract states it, with plain recursion: the oracle
-// for the event sequence of larger ranges.
-class reference_sort {
-public:
-    explicit reference_sort(item_store store) : store_(std::move(store)) {}
-    event_list events;
-    item_store store_;
-
-    void sort_range(LONG lo, LONG hi) {
-        if (lo >= hi) return;
-        LONG p;
-        if (!partition(lo, hi, p)) return;
-        sort_range(lo, p - 1);
-        sort_range(p + 1, hi);
-    }
-
-private:
-    int is_less(LONG a, LONG b) {
-        events.push_back("isLess(" + std::to_string(a) + "," + std::to_string(b) + ")");
-        const int x = store_.at(a), y = store_.at(b);
-        return x < y ? -1 : x > y ? 1 : 0;
-    }
-    void swap_items(LONG a, LONG b) {
-        events.push_back("SwapItems(" + std::to_string(a) + "," + std::to_string(b) + ")");
-        std::swap(store_.at(a), store_.at(b));
-    }
-    bool partition(LONG lo, LONG hi, LONG& result) {
-        if (hi <= lo) return false;
-        if (hi - lo == 1) {
-            if (is_less(lo, hi) > 0) swap_items(lo, hi);
-            return false;
-        }
-        LONG l = lo, r = hi, p = lo;
-    step4:
-        if (l >= r) {
-            result = p;
-            return true;
-        }
-        {
-            int answer = is_less(p, r);
-            while (answer <= 0 && r > l) answer = is_less(p, --r);
-            if (r != p) {
-                swap_items(l, r);
-                if (l == p) p = r;
-            }
-            answer = is_less(l, p);
-            while (answer < 0 && l < r) answer = is_less(++l, p);
-            if (l == p) goto step4;
-            swap_items(l, r);
-            if (p == r) p = l;
-            goto step4;
-        }
-    }
-};
 
 struct sort_outcome {
     HRESULT hr;
@@ -80,12 +23,11 @@ using event_hook = std::function<HRESULT(DISPID, LONG, LONG, SHORT*, EXCEPINFO*)
 
 // Sorts through the vtable, or through IDispatch without firstNdx, with one
 // sink that keeps the store.
-sort_outcome run_sort(const item_store& items, LONG last, std::optional<LONG> first,
-                      answer_style style = answer_style::three_way, event_hook before = nullptr) {
+sort_outcome run_sort(const item_store& items, LONG last, std::optional<LONG> first, event_hook before = nullptr) {
     item_store store = items;
     connected_sorter s = new_sorter();
     sort_outcome outcome{};
-    recording_sink sink(&store, style);
+    recording_sink sink(&store);
     sink.log = &outcome.events;
     sink.before = std::move(before);
     const DWORD cookie = s.advise(&sink);
@@ -107,13 +49,10 @@ sort_outcome run_sort(const item_store& items, LONG last, std::optional<LONG> fi
 }
 
 TEST(QuickSortEvents, ShortRangesAndWorkedExamplesGiveExactlyTheContractedEvents) {
+    // Items at indices 1, 2, ...; no firstNdx: left to its default through IDispatch.
     struct case_ {
-        const char* name;
-        std::vector<int> items;  // at indices 1, 2, ...
-        LONG last;
-        std::optional<LONG> first;  // none: left to its default through IDispatch
-        event_list events;
-        std::vector<int> order;
+        const char* name; std::vector<int> items; LONG last; std::optional<LONG> first;
+        event_list events; std::vector<int> order;
     };
     const case_ cases[] = {
         {"3, 1, 2", {3, 1, 2}, 3, std::nullopt,
@@ -172,15 +111,10 @@ DWORD WINAPI sort_on_small_stack(void* parameter) {
 }
 
 TEST(QuickSortEvents, PresortedAndEqualRangesCostTheQuadraticCountWithoutSwapsAndNestDeep) {
-    struct case_ {
-        const char* name;
-        int n;
-        bool all_equal;
-    };
-    const case_ cases[] = {{"3 presorted", 3, false},      {"10 presorted", 10, false}, {"3 equal", 3, true},
-                           {"500 equal", 500, true},       {"4000 presorted", 4000, false}};
+    const struct { const char* name; int n; bool all_equal; } cases[] = {
+        {"3 presorted", 3, false}, {"3 equal", 3, true}, {"500 equal", 500, true}, {"4000 presorted", 4000, false}};
     dll();  // loaded here, not on the small stack
-    for (const case_& c : cases) {
+    for (const auto& c : cases) {
         counted_sort run{c.n, c.all_equal};
         const HANDLE thread =
             CreateThread(nullptr, 64 * 1024, sort_on_small_stack, &run, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
@@ -197,12 +131,7 @@ TEST(QuickSortEvents, PresortedAndEqualRangesCostTheQuadraticCountWithoutSwapsAn
 }
 
 TEST(QuickSortErrors, IndexArithmeticOverflowsWithError6) {
-    struct case_ {
-        const char* name;
-        LONG last, first;
-        item_store store;
-        event_list events;  // raised before the error
-    };
+    struct case_ { const char* name; LONG last, first; item_store store; event_list events; };  // events before it
     static const case_ cases[] = {
         {"full Long range", LONG_MAX, LONG_MIN, {1, {}}, {}},
         {"width one past the largest Long", LONG_MAX - 1, -2, {1, {}}, {}},
@@ -227,14 +156,8 @@ TEST(QuickSortErrors, IndexArithmeticOverflowsWithError6) {
 
 TEST(QuickSortErrors, AFailingHandlerEndsTheSortWithItsError) {
     struct case_ {
-        const char* name;
-        HRESULT returned;
-        WORD code;
-        SCODE scode;
-        const wchar_t* source;
-        const wchar_t* description;
-        HRESULT expected;
-        std::wstring expected_source, expected_description;
+        const char* name; HRESULT returned; WORD code; SCODE scode; const wchar_t *source, *description;
+        HRESULT expected; std::wstring expected_source, expected_description;
     };
     const case_ cases[] = {
         {"raised error number", DISP_E_EXCEPTION, 1001, 0, L"Client", L"store is read-only",
@@ -257,7 +180,7 @@ TEST(QuickSortErrors, AFailingHandlerEndsTheSortWithItsError) {
             }
             return c.returned;
         };
-        const sort_outcome got = run_sort({1, {3, 1, 2}}, 3, 1, answer_style::three_way, fail_first_swap);
+        const sort_outcome got = run_sort({1, {3, 1, 2}}, 3, 1, fail_first_swap);
         EXPECT_EQ(hex(c.expected), hex(got.hr)) << c.name;
         EXPECT_EQ(c.expected_source, got.error.source) << c.name;
         EXPECT_EQ(c.expected_description, got.error.description) << c.name;
@@ -272,12 +195,7 @@ int clock_calls = 0;
 float next_reading() { return clock_readings[clock_calls++]; }
 
 TEST(QuickSortRuntime, WholeSecondStartHalvesToEvenAndTheMidnightWrap) {
-    struct case_ {
-        const char* name;
-        float start, end;
-        LONG runtime;
-    };
-    const case_ cases[] = {
+    const struct { const char* name; float start, end; LONG runtime; } cases[] = {
         {"100.4 to 100.8", 100.4f, 100.8f, 1},
         {"86399.8 to 0.3 the next day", 86399.8f, 0.3f, 0},
         {"86399.4 to 5 the next day", 86399.4f, 5.0f, 6},
@@ -286,7 +204,7 @@ TEST(QuickSortRuntime, WholeSecondStartHalvesToEvenAndTheMidnightWrap) {
         {"no time at all", 10.0f, 10.0f, 0},
         {"an hour", 3600.0f, 7200.25f, 3600},
     };
-    for (const case_& c : cases) {
+    for (const auto& c : cases) {
         const float readings[] = {c.start, c.end};
         clock_readings = readings;
         clock_calls = 0;
