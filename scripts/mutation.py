@@ -59,16 +59,19 @@ def description(path):
     return path.read_text().splitlines()[0].strip()
 
 
+def prefixes():
+    return [p for p in (*BUILD.glob('wineprefix*'), *BUILD.glob('*/wineprefix')) if p.is_dir()]
+
+
 def stop_wine():
-    for prefix in BUILD.glob('**/wineprefix*'):
-        if prefix.is_dir():
-            run(['wineserver', '-k'], env=dict(os.environ, WINEPREFIX=str(prefix)))
+    for prefix in prefixes():
+        run(['wineserver', '-k'], env=dict(os.environ, WINEPREFIX=str(prefix)))
 
 
 def registries(save):
     """The prefixes' registries as they were after the clean run, so that no
     fault leaves a registration behind for the next one."""
-    for reg in BUILD.glob('**/wineprefix*/*.reg'):
+    for reg in (reg for prefix in prefixes() for reg in prefix.glob('*.reg')):
         copy = WORK / 'registry' / reg.relative_to(BUILD)
         if save:
             copy.parent.mkdir(parents=True, exist_ok=True)
@@ -89,7 +92,7 @@ def ctest(jobs, cap, log):
     outcomes = {}
     for line in Path(log).read_text(errors='replace').splitlines():
         m = RESULT_LINE.match(line)
-        if m and 'Disabled' not in line:
+        if m and not re.search(r'Disabled|Skipped|Not Run', line):
             outcomes[m.group(1)] = m.group(2) == 'Passed'
     return outcomes, finished
 
@@ -141,8 +144,10 @@ def report(mutants, baseline, elapsed):
         say('  %-34s %s%s' % (m['name'], who, '' if m['finished'] else ' (run cut short)'))
     tests = sorted(baseline)
     unique = {t: 0 for t in tests}
-    unique_files = {}
+    unique_files, any_files = {}, {}
     for m in judged:
+        for f in {file_of(t) for t in m['killers']}:
+            any_files[f] = any_files.get(f, 0) + 1
         if len(m['killers']) == 1:
             unique[m['killers'][0]] = unique.get(m['killers'][0], 0) + 1
         files = {file_of(t) for t in m['killers']}
@@ -155,9 +160,9 @@ def report(mutants, baseline, elapsed):
         if unique[t]:
             say('  %3d  %s' % (unique[t], t))
     say('')
-    say('faults each test file alone kills:')
+    say('faults each test file kills alone, and at all:')
     for f in sorted({file_of(t) for t in tests}):
-        say('  %3d  %s' % (unique_files.get(f, 0), f))
+        say('  %3d %3d  %s' % (unique_files.get(f, 0), any_files.get(f, 0), f))
     say('')
     nothing = [t for t in tests if not unique[t] and baseline[t]]
     say('tests that alone kill nothing (%d of %d):' % (len(nothing), len(tests)))
