@@ -102,6 +102,13 @@ def ctest(jobs, cap, log):
     return outcomes, finished
 
 
+def compile_killers(log):
+    """The test sources that failed to compile, when nothing else did: the
+    product built and a compile-time test refused it."""
+    failing = set(re.findall(r'/src/(\S+?):\d+(?::\d+)?: (?:fatal )?error', Path(log).read_text(errors='replace')))
+    return sorted('compile:' + f for f in failing) if all(f.startswith('tests/') for f in failing) else []
+
+
 def test_files():
     """Which file each test comes from: GoogleTest suites by their TEST
     lines, the others by name."""
@@ -113,6 +120,8 @@ def test_files():
             owner.setdefault(suite, str(source.relative_to(ROOT)))
 
     def file_of(test):
+        if test.startswith('compile:'):
+            return test[len('compile:'):]
         if test.startswith('script/'):
             return 'tests/scripts/' + test[len('script/'):]
         parts = test.split('/')  # Suite.Case, or Instance/Suite.Case/N
@@ -131,7 +140,8 @@ def report(mutants, baseline, elapsed):
     say('killed %d of %d' % (len(killed), len(judged)))
     say('  by the build: %d; by tests: %d; stale (no longer apply): %d' %
         (len(by_build), len(killed) - len(by_build), len(stale)))
-    say('  run time: %d min' % round(elapsed / 60))
+    say('  run time: %d min (the faults alone: %d min)' % (round(elapsed / 60),
+                                                        round(sum(m.get('seconds', 0) for m in mutants) / 60)))
     failing = sorted(t for t, ok in baseline.items() if not ok)
     if failing:
         say('tests failing without any fault (ignored): ' + ', '.join(failing))
@@ -147,8 +157,7 @@ def report(mutants, baseline, elapsed):
     for m in judged:
         who = 'the build' if m['outcome'] == 'build' else ', '.join(m['killers']) or '-'
         say('  %-34s %s%s' % (m['name'], who, '' if m['finished'] else ' (run cut short)'))
-    tests = sorted(baseline)
-    unique = {t: 0 for t in tests}
+    unique = {t: 0 for t in baseline}
     unique_files, any_files = {}, {}
     for m in judged:
         for f in {file_of(t) for t in m['killers']}:
@@ -161,16 +170,16 @@ def report(mutants, baseline, elapsed):
             unique_files[f] = unique_files.get(f, 0) + 1
     say('')
     say('faults each test alone kills (tests not listed kill none alone):')
-    for t in tests:
+    for t in sorted(unique):
         if unique[t]:
             say('  %3d  %s' % (unique[t], t))
     say('')
     say('faults each test file kills alone, and at all:')
-    for f in sorted({file_of(t) for t in tests}):
+    for f in sorted({file_of(t) for t in unique}):
         say('  %3d %3d  %s' % (unique_files.get(f, 0), any_files.get(f, 0), f))
     say('')
-    nothing = [t for t in tests if not unique[t] and baseline[t]]
-    say('tests that alone kill nothing (%d of %d):' % (len(nothing), len(tests)))
+    nothing = [t for t in sorted(baseline) if not unique[t] and baseline[t]]
+    say('tests that alone kill nothing (%d of %d):' % (len(nothing), sum(baseline.values())))
     for t in nothing:
         say('  ' + t)
     return '\n'.join(lines) + '\n'
@@ -211,19 +220,23 @@ def main():
     print('clean run: %d tests, %d pass, %d s' % (len(baseline), sum(baseline.values()),
                                                  time.time() - clean_started), flush=True)
 
-    mutants = []
+    mutants, resumed = [], 0
     for p in patches:
         saved = RESULTS / (p.stem + '.result')
         if args.resume and saved.exists():
             mutants.append(json.loads(saved.read_text()))
+            resumed += mutants[-1].get('seconds', 0)
             continue
         m = {'name': p.stem, 'description': description(p), 'killers': [], 'finished': True}
+        fault_started = time.time()
         if not patch(p, '--dry-run'):
             m['outcome'] = 'stale'
         else:
             patch(p)
-            if run(['cmake', '--build', BUILD, '-j', str(args.jobs)], log=RESULTS / (p.stem + '.build.log')) != 0:
-                m['outcome'] = 'build'
+            build_log = RESULTS / (p.stem + '.build.log')
+            if run(['cmake', '--build', BUILD, '-j', str(args.jobs)], log=build_log) != 0:
+                m['killers'] = compile_killers(build_log)
+                m['outcome'] = 'tests' if m['killers'] else 'build'
             else:
                 outcomes, m['finished'] = ctest(args.jobs, cap, RESULTS / (p.stem + '.log'))
                 m['killers'] = sorted(t for t, ok in outcomes.items() if not ok and baseline.get(t))
@@ -231,6 +244,7 @@ def main():
             if not patch(p, '-R'):
                 sync_tree()
             registries(save=False)
+        m['seconds'] = round(time.time() - fault_started)
         saved.write_text(json.dumps(m))
         mutants.append(m)
         print('%-34s %s' % (m['name'], {'stale': 'stale', 'build': 'killed by the build',
@@ -238,7 +252,7 @@ def main():
                                                                     'killed by %d tests' % len(m['killers']))),
               flush=True)
 
-    text = report(mutants, baseline, time.time() - started)
+    text = report(mutants, baseline, time.time() - started + resumed)
     (WORK / 'results.txt').write_text(text)
     print()
     print(text, end='')
