@@ -6,9 +6,15 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${VXTYPES32_BUILD:-$root/build}
-platforms=${VXTYPES32_PLATFORMS:-x86 x64}
 
 "$root/scripts/setup.sh"
+# A host that runs no 32-bit code cannot run the 32-bit tree's build-time
+# tools (the type library writer): there the 64-bit tree alone is built.
+if "$root/scripts/runs-32-bit.sh"; then
+    platforms=${VXTYPES32_PLATFORMS:-x86 x64}
+else
+    platforms=${VXTYPES32_PLATFORMS:-x64}
+fi
 
 # tree toolchain [extra cmake options]
 build_tree() {
@@ -28,7 +34,9 @@ build_tree() {
 
 for platform in $platforms; do
     case $platform in
-        x86) build_tree "$build" toolchain-mingw32.cmake ;;
+        x86) "$root/scripts/runs-32-bit.sh" ||
+                 { echo "this host runs no 32-bit code: the 32-bit tree cannot be built here" >&2; exit 1; }
+             build_tree "$build" toolchain-mingw32.cmake ;;
         x64) build_tree "$build/x64" toolchain-mingw64.cmake -DVX_X86_BUILD="$build" ;;
         *) echo "unknown platform $platform" >&2; exit 2 ;;
     esac

@@ -2,7 +2,7 @@
 # Builds both DLLs, registers them side by side in the 64-bit tree's own Wine
 # prefix (the 64-bit DLL in the 64-bit registry view, the 32-bit one under
 # WoW64) and shows every class at work through a 64-bit and a 32-bit script
-# host.
+# host (the 64-bit ones only, on a host that runs no 32-bit code).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${VXTYPES32_BUILD:-$root/build}
@@ -10,9 +10,14 @@ x64=$build/x64
 "$root/scripts/build.sh"
 wine_run=$x64/wine-run
 winpath() { printf 'Z:%s' "$1" | tr / '\\'; }
-"$wine_run" regsvr32 /s "$(winpath "$x64/bin/vxTypes32.dll")" &&
-"$wine_run" 'C:\windows\syswow64\regsvr32.exe' /s "$(winpath "$build/bin/vxTypes32.dll")" ||
+runs_32_bit=yes
+"$root/scripts/runs-32-bit.sh" || runs_32_bit=
+"$wine_run" regsvr32 /s "$(winpath "$x64/bin/vxTypes32.dll")" ||
     { echo "registration failed" >&2; exit 1; }
+if [ -n "$runs_32_bit" ]; then
+    "$wine_run" 'C:\windows\syswow64\regsvr32.exe' /s "$(winpath "$build/bin/vxTypes32.dll")" ||
+        { echo "registration failed" >&2; exit 1; }
+fi
 
 # cscript host, vxscript program, DLL shown
 demo_through() {
@@ -27,8 +32,12 @@ demo_through() {
 echo "== 64-bit hosts (cscript in system32, vxscript.exe for x64) with x64/vxTypes32.dll"
 demo_through "$x64/cscript" "$x64/bin/vxscript.exe"
 echo
-echo "== 32-bit hosts (cscript in syswow64, vxscript.exe for x86) with x86/vxTypes32.dll"
-demo_through "$x64/cscript32" "$build/bin/vxscript.exe"
+if [ -n "$runs_32_bit" ]; then
+    echo "== 32-bit hosts (cscript in syswow64, vxscript.exe for x86) with x86/vxTypes32.dll"
+    demo_through "$x64/cscript32" "$build/bin/vxscript.exe"
+else
+    echo "== 32-bit hosts: not shown, this host runs no 32-bit code (IA-32 emulation is off)"
+fi
 echo
 # cDIBSection's pictures, written by the demonstration's own program.
 mkdir -p "$build/demo"

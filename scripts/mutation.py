@@ -24,6 +24,7 @@ ROOT = Path(__file__).resolve().parent.parent
 PATCHES = ROOT / 'tools' / 'mutation'
 WORK = Path(os.environ.get('VXTYPES32_MUTATION_DIR', ROOT / 'build-mutation')).resolve()
 SRC, BUILD, RESULTS = WORK / 'src', WORK / 'build', WORK / 'mutants'
+TREE = BUILD  # the build tree whose suite judges the faults
 # "  3/160 Test  #12: name ....   Passed    1.20 sec" or "...***Failed ..."
 RESULT_LINE = re.compile(r'^\s*\d+/\d+ Test\s+#\d+: (\S+) ')
 
@@ -91,7 +92,7 @@ def registries(save):
 
 def ctest(jobs, cap, log):
     """Each test's outcome, True for passed; a run past the cap is cut short."""
-    finished = run(['ctest', '--test-dir', BUILD, '-j', str(jobs), '--timeout', '300'], log=log,
+    finished = run(['ctest', '--test-dir', TREE, '-j', str(jobs), '--timeout', '300'], log=log,
                    timeout=cap) is not None
     stop_wine()
     outcomes = {}
@@ -209,8 +210,13 @@ def main():
         sys.exit(1 if stale else 0)
 
     started = time.time()
-    # The faults are judged by the 32-bit tree's suite; the 64-bit tree runs the same tests.
-    env = dict(os.environ, VXTYPES32_BUILD=str(BUILD), VXTYPES32_PLATFORMS='x86')
+    # The faults are judged by the 32-bit tree's suite (the 64-bit tree runs
+    # the same tests), or by the 64-bit one on a host that runs no 32-bit code.
+    global TREE
+    platform = 'x86' if run([ROOT / 'scripts' / 'runs-32-bit.sh']) == 0 else 'x64'
+    TREE = BUILD if platform == 'x86' else BUILD / 'x64'
+    print('judged by the %s tree' % platform, flush=True)
+    env = dict(os.environ, VXTYPES32_BUILD=str(BUILD), VXTYPES32_PLATFORMS=platform)
     if run([SRC / 'scripts' / 'build.sh'], log=WORK / 'build.log', env=env) != 0:
         sys.exit('the unchanged tree does not build; see %s' % (WORK / 'build.log'))
     clean_started = time.time()
@@ -235,7 +241,7 @@ def main():
         else:
             patch(p)
             build_log = RESULTS / (p.stem + '.build.log')
-            if run(['cmake', '--build', BUILD, '-j', str(args.jobs)], log=build_log) != 0:
+            if run(['cmake', '--build', TREE, '-j', str(args.jobs)], log=build_log) != 0:
                 m['killers'] = compile_killers(build_log)
                 m['outcome'] = 'tests' if m['killers'] else 'build'
             else:
