@@ -32,31 +32,27 @@ std::string text_on_clipboard() {
 }
 
 TEST(CopyToClipboardMessage, TheDefaultShowsTheMessageAndCopiesNothing) {
-    struct row {
-        const char* label;
-        bool late_bound_without_argument;
-    };
-    for (const row& r : {row{"True through the vtable", false}, row{"no argument, late-bound", true}}) {
+    for (bool late_bound : {false, true}) {
+        const char* label = late_bound ? "no argument, late-bound" : "True through the vtable";
         put_text_on_clipboard("left alone");
         com_ptr<_cDIBSection> section = new_section(10, 10);
         box_dismisser dismisser;
         VARIANT_BOOL copied = VARIANT_TRUE;
-        if (r.late_bound_without_argument) {
-            DISPPARAMS none = {};
-            unique_variant result;
+        DISPPARAMS none = {};
+        unique_variant result;
+        if (late_bound) {
             ASSERT_EQ(S_OK, section->Invoke(0x60030006, IID_NULL, 0, DISPATCH_METHOD, &none, result.put(), nullptr,
-                                            nullptr))
-                << r.label;
-            ASSERT_EQ(VT_BOOL, V_VT(result.get())) << r.label;
+                                            nullptr)) << label;
+            ASSERT_EQ(VT_BOOL, V_VT(result.get())) << label;
             copied = V_BOOL(result.get());
         } else {
-            ASSERT_EQ(S_OK, section->CopyToClipboard(VARIANT_TRUE, &copied)) << r.label;
+            ASSERT_EQ(S_OK, section->CopyToClipboard(VARIANT_TRUE, &copied)) << label;
         }
-        EXPECT_EQ(VARIANT_FALSE, copied) << r.label;
+        EXPECT_EQ(VARIANT_FALSE, copied) << label;
         const auto seen = dismisser.seen();
-        ASSERT_EQ(1u, seen.size()) << r.label << ": one box shown and dismissed";
-        EXPECT_EQ(narrow(message), narrow(seen[0].text)) << r.label;
-        EXPECT_EQ("left alone", text_on_clipboard()) << r.label << ": the clipboard is as it was";
+        ASSERT_EQ(1u, seen.size()) << label << ": one box shown and dismissed";
+        EXPECT_EQ(narrow(message), narrow(seen[0].text)) << label;
+        EXPECT_EQ("left alone", text_on_clipboard()) << label << ": the clipboard is as it was";
     }
 }
 

@@ -25,14 +25,16 @@ struct item_store {
     std::vector<int> values;
 
     int& at(LONG index) {
-        const long long offset = static_cast<long long>(index) - base;
         static int nowhere;
+        const long long offset = static_cast<long long>(index) - base;
         if (offset >= 0 && offset < static_cast<long long>(values.size())) return values[static_cast<size_t>(offset)];
         ADD_FAILURE() << "an event named index " << index << ", outside the range";
         return nowhere;
     }
 };
 
+// Fails on any call it does not expect, and when it is let go with a
+// reference still held.
 class recording_sink final : public IDispatch {
 public:
     explicit recording_sink(item_store* store) : store_(store) {}
@@ -40,65 +42,48 @@ public:
     recording_sink& operator=(const recording_sink&) = delete;
     ~recording_sink() { EXPECT_EQ(0, references_) << "the sorter kept a reference to a sink"; }
 
-    std::vector<std::string>* log = nullptr;  // where events are written, if anywhere
-    std::string name;                          // prefix for the log lines
+    event_list* log = nullptr;  // where events are written, if anywhere
+    std::string name;           // prefix for the log lines
     // Runs before the sink's own handling; a failure is returned as is.
     std::function<HRESULT(DISPID, LONG, LONG, SHORT*, EXCEPINFO*)> before;
-    bool answers_for_events_interface = true;
-    bool answers_for_dispatch = true;
+    bool answers_for_events_interface = true, answers_for_dispatch = true;
     long events = 0;
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
-        *object = nullptr;
-        if (IsEqualIID(iid, IID_IUnknown) || (answers_for_dispatch && IsEqualIID(iid, IID_IDispatch)) ||
-            (answers_for_events_interface && IsEqualIID(iid, DIID___clsQuickSort))) {
-            *object = static_cast<IDispatch*>(this);
-            AddRef();
-            return S_OK;
-        }
-        return E_NOINTERFACE;
+        *object = IsEqualIID(iid, IID_IUnknown) || (answers_for_dispatch && IsEqualIID(iid, IID_IDispatch)) ||
+                          (answers_for_events_interface && IsEqualIID(iid, DIID___clsQuickSort))
+                      ? static_cast<IDispatch*>(this)
+                      : nullptr;
+        return *object ? AddRef(), S_OK : E_NOINTERFACE;
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return static_cast<ULONG>(++references_); }
     ULONG STDMETHODCALLTYPE Release() override { return static_cast<ULONG>(--references_); }
-
     HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT*) override { return unexpected("GetTypeInfoCount"); }
     HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return unexpected("GetTypeInfo"); }
     HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override {
         return unexpected("GetIDsOfNames");
     }
 
+    // isLess (DISPID 1) is (ndx1, ndx2, ByRef Integer), SwapItems (2) is
+    // (ndx1, ndx2); the arguments come last to first.
     HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID iid, LCID, WORD flags, DISPPARAMS* params, VARIANT*,
                                      EXCEPINFO* exception, UINT*) override {
         ++events;
-        EXPECT_TRUE(IsEqualIID(iid, IID_NULL));
-        EXPECT_EQ(DISPATCH_METHOD, flags);
-        EXPECT_EQ(0u, params->cNamedArgs);
-        const UINT expected_count = id == 1 ? 3 : 2;
-        if ((id != 1 && id != 2) || params->cArgs != expected_count) return unexpected("an event of that shape");
-        VARIANT* arguments = params->rgvarg;  // last to first
-        const VARIANT& first = arguments[expected_count - 1];
-        const VARIANT& second = arguments[expected_count - 2];
-        EXPECT_EQ(VT_I4, first.vt);
-        EXPECT_EQ(VT_I4, second.vt);
-        SHORT* answer = nullptr;
-        if (id == 1) {
-            EXPECT_EQ(VT_BYREF | VT_I2, arguments[0].vt);
-            answer = arguments[0].piVal;
-        }
+        const UINT count = id == 1 ? 3 : 2;
+        if ((id != 1 && id != 2) || params->cArgs != count || params->cNamedArgs || flags != DISPATCH_METHOD ||
+            !IsEqualIID(iid, IID_NULL))
+            return unexpected("an event of that shape");
+        const VARIANT &first = params->rgvarg[count - 1], &second = params->rgvarg[count - 2];
+        EXPECT_TRUE(first.vt == VT_I4 && second.vt == VT_I4 && (id == 2 || params->rgvarg[0].vt == (VT_BYREF | VT_I2)));
+        SHORT* answer = id == 1 ? params->rgvarg[0].piVal : nullptr;
         if (log)
             log->push_back(name + (id == 1 ? "isLess(" : "SwapItems(") + std::to_string(first.lVal) + "," +
                            std::to_string(second.lVal) + ")");
-        if (before) {
-            const HRESULT hr = before(id, first.lVal, second.lVal, answer, exception);
-            if (hr != S_OK) return hr;
-        }
-        if (!store_) return S_OK;
-        if (id == 2) {
-            std::swap(store_->at(first.lVal), store_->at(second.lVal));
-            return S_OK;
-        }
-        const int a = store_->at(first.lVal), b = store_->at(second.lVal);
-        *answer = a < b ? -1 : a > b ? 1 : 0;
+        const HRESULT hr = before ? before(id, first.lVal, second.lVal, answer, exception) : S_OK;
+        if (hr != S_OK || !store_) return hr;
+        int &a = store_->at(first.lVal), &b = store_->at(second.lVal);
+        if (id == 2) std::swap(a, b);
+        else *answer = a < b ? -1 : a > b ? 1 : 0;
         return S_OK;
     }
 

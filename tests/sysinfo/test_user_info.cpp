@@ -1,86 +1,75 @@
-// UserInfo: the names as the system gives them, the limits of the two
-// buffers, and the errors when a name does not fit.
+// UserInfo: the names as the system gives them and the error when one does
+// not fit its buffer. Wine takes the logon name from WINEUSERNAME and the
+// computer name from the prefix's registry, which is why this runs with the
+// tests that hold the registration lock.
 #include "support/component.h"
 #include "vxTypes32_types.h"
 
-#include <optional>
 #include <string>
 
 namespace vx::test {
 namespace {
 
-// Wine takes the logon name from the environment, so a test can choose it.
-class scoped_user_name {
+const wchar_t computer_name_key[] = L"System\\CurrentControlSet\\Control\\ComputerName\\ActiveComputerName";
+
+// The variable or the registry value holds the name for the duration.
+class scoped_name {
 public:
-    explicit scoped_user_name(const std::wstring& name) {
-        wchar_t old[1024];
-        const DWORD length = GetEnvironmentVariableW(L"WINEUSERNAME", old, 1024);
-        if (length > 0 && length < 1024) previous_ = std::wstring(old, length);
-        SetEnvironmentVariableW(L"WINEUSERNAME", name.c_str());
+    scoped_name(bool logon, const std::wstring& name) : logon_(logon) {
+        if (!logon_) RegOpenKeyExW(HKEY_LOCAL_MACHINE, computer_name_key, 0, KEY_ALL_ACCESS, key_.put());
+        previous_ = read();
+        write(name.c_str());
     }
-    ~scoped_user_name() { SetEnvironmentVariableW(L"WINEUSERNAME", previous_ ? previous_->c_str() : nullptr); }
+    ~scoped_name() { write(previous_.empty() ? nullptr : previous_.c_str()); }
 
 private:
-    std::optional<std::wstring> previous_;
+    std::wstring read() const {
+        wchar_t old[1024] = {};
+        DWORD bytes = sizeof old - sizeof(wchar_t);
+        if (logon_) GetEnvironmentVariableW(L"WINEUSERNAME", old, 1023);
+        else RegQueryValueExW(key_.get(), L"ComputerName", nullptr, nullptr, reinterpret_cast<BYTE*>(old), &bytes);
+        return old;
+    }
+    void write(const wchar_t* name) const {
+        if (logon_) SetEnvironmentVariableW(L"WINEUSERNAME", name);
+        else if (name)
+            RegSetValueExW(key_.get(), L"ComputerName", 0, REG_SZ, reinterpret_cast<const BYTE*>(name),
+                           static_cast<DWORD>((wcslen(name) + 1) * sizeof(wchar_t)));
+    }
+    bool logon_;
+    unique_hkey key_;
+    std::wstring previous_;
 };
-
-struct property_result {
-    HRESULT hr;
-    VARTYPE type;
-    std::wstring text;
-    error_info error;
-};
-
-property_result logon() {
-    com_ptr<_UserInfo> user = create<_UserInfo>(CLSID_UserInfo, IID__UserInfo);
-    unique_variant result;
-    const HRESULT hr = user->get_Logon(result.get());
-    return {hr, V_VT(result.get()), V_VT(result.get()) == VT_BSTR ? text_of(V_BSTR(result.get())) : L"",
-            FAILED(hr) ? take_error_info() : error_info{}};
-}
 
 constexpr HRESULT automation_error_number(long number) { return static_cast<HRESULT>(0x800A0000 + number); }
 
-TEST(UserInfoLogon, ReturnsNamesUpTo255CharactersWhole) {
-    const std::wstring names[] = {L"surveyor", L"a", std::wstring(100, L'n'), std::wstring(255, L'x')};
-    for (const std::wstring& name : names) {
-        scoped_user_name user(name);
-        const property_result result = logon();
-        ASSERT_EQ(S_OK, result.hr) << name.size() << " characters";
-        EXPECT_EQ(VT_BSTR, result.type);
-        EXPECT_EQ(name, result.text) << name.size() << " characters";
+TEST(UserInfo, NamesComeWholeOrRaiseTheSystemsError) {
+    // Wine's GetComputerNameA refuses any name over 15 characters.
+    const struct { bool logon; std::wstring name; long error; } cases[] = {
+        {true, L"surveyor", 0},
+        {true, std::wstring(255, L'x'), 0},
+        {true, std::wstring(256, L'y'), ERROR_INSUFFICIENT_BUFFER},
+        {false, L"RIG-7", 0},
+        {false, std::wstring(40, L'L'), ERROR_BUFFER_OVERFLOW},
+    };
+    for (const auto& c : cases) {
+        const std::string label = (c.logon ? "Logon of " : "ComputerName of ") + std::to_string(c.name.size());
+        scoped_name name(c.logon, c.name);
+        com_ptr<_UserInfo> user = create<_UserInfo>(CLSID_UserInfo, IID__UserInfo);
+        unique_variant result;
+        const HRESULT hr = c.logon ? user->get_Logon(result.get()) : user->get_ComputerName(result.get());
+        EXPECT_EQ(c.error ? automation_error_number(c.error) : S_OK, hr) << label;
+        if (!c.error) {
+            EXPECT_EQ(VT_BSTR, V_VT(result.get())) << label;
+            EXPECT_EQ(c.name, V_VT(result.get()) == VT_BSTR ? text_of(V_BSTR(result.get())) : L"") << label;
+            continue;
+        }
+        EXPECT_EQ(VT_EMPTY, V_VT(result.get())) << label;
+        const error_info error = take_error_info();
+        EXPECT_EQ(c.logon ? L"UserInfo.Logon" : L"UserInfo.ComputerName", error.source) << label;
+        EXPECT_EQ(c.logon ? L"Failed to get user logon name." : L"Failed to get computer name.", error.description)
+            << label;
     }
-}
-
-TEST(UserInfoLogon, ANameTooLongRaisesTheSystemsBufferError) {
-    for (size_t length : {256u, 300u}) {
-        scoped_user_name user(std::wstring(length, L'y'));
-        const property_result result = logon();
-        EXPECT_EQ(automation_error_number(ERROR_INSUFFICIENT_BUFFER), result.hr) << length << " characters";
-        EXPECT_EQ(VT_EMPTY, result.type) << "the result stays Empty";
-        EXPECT_EQ(L"UserInfo.Logon", result.error.source);
-        EXPECT_EQ(L"Failed to get user logon name.", result.error.description);
-    }
-}
-
-TEST(UserInfoLateBound, AFailureArrivesAsAnExceptionWithItsNumberAndText) {
-    scoped_user_name user(std::wstring(256, L'z'));
-    com_ptr<IDispatch> object = create<IDispatch>(CLSID_UserInfo, IID_IDispatch);
-    unique_variant value;
-    EXCEPINFO exception = {};
-    DISPPARAMS none = {nullptr, nullptr, 0, 0};
-    UINT argument_error = 0;
-    ASSERT_EQ(DISP_E_EXCEPTION, object->Invoke(DISPID_VALUE, IID_NULL, 0, DISPATCH_METHOD | DISPATCH_PROPERTYGET,
-                                               &none, value.get(), &exception, &argument_error));
-    if (exception.pfnDeferredFillIn) exception.pfnDeferredFillIn(&exception);
-    const HRESULT number = exception.scode ? exception.scode : automation_error_number(exception.wCode);
-    EXPECT_EQ(automation_error_number(ERROR_INSUFFICIENT_BUFFER), number);
-    EXPECT_EQ(L"UserInfo.Logon", text_of(exception.bstrSource));
-    EXPECT_EQ(L"Failed to get user logon name.", text_of(exception.bstrDescription));
-    EXPECT_EQ(VT_EMPTY, V_VT(value.get()));
-    SysFreeString(exception.bstrSource);
-    SysFreeString(exception.bstrDescription);
-    SysFreeString(exception.bstrHelpFile);
 }
 
 }  // namespace
