@@ -1,6 +1,6 @@
 // CComplexNumber: identities of the results, the worked values, the
-// failures and what they leave behind, operands of other implementations,
-// the text form, and the caller's x87 environment.
+// failures and what they leave behind, the text form, and the caller's x87
+// environment.
 #include "complex/complex_number.h"
 #include "frame/module.h"
 #include "support/component.h"
@@ -26,7 +26,6 @@ constexpr HRESULT object_not_set = static_cast<HRESULT>(0x800A005B);
 // c with c² = 0.4 of the smallest subnormal: a power-made square rounds to
 // 0, while c·c + c·c in extended precision rounds s up to that subnormal.
 const double tiny = std::sqrt(0.4) * std::ldexp(1.0, -537);
-const double one_plus = 1 + std::ldexp(1.0, -30);
 
 struct value { double real, imaginary; };
 
@@ -36,15 +35,16 @@ bool same(double a, double b) {
 }
 
 ::testing::AssertionResult holds(_CComplexNumber* z, value expected) {
-    if (!z) return ::testing::AssertionFailure() << "no object";
     value v{-7, -7};
-    EXPECT_EQ(S_OK, z->get_Real(&v.real));
-    EXPECT_EQ(S_OK, z->get_Imaginary(&v.imaginary));
+    if (!z || z->get_Real(&v.real) != S_OK || z->get_Imaginary(&v.imaginary) != S_OK)
+        return ::testing::AssertionFailure() << "no object";
     if (same(v.real, expected.real) && same(v.imaginary, expected.imaginary)) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "holds " << v.real << ", " << v.imaginary << "i; expected "
                                          << expected.real << ", " << expected.imaginary << "i";
 }
 
+// Objects of the test program's own frame (local) let its count show
+// whether a failed operation released the result it had made.
 number make(value v, bool local = false) {
     number z = local ? create_local<_CComplexNumber>(CLSID_CComplexNumber, IID__CComplexNumber)
                      : create<_CComplexNumber>(CLSID_CComplexNumber, IID__CComplexNumber);
@@ -53,40 +53,26 @@ number make(value v, bool local = false) {
 }
 
 enum class operation { Add, Add2, Subtract2, Multiply2, Multiply, Divide, Reciprocal, Divide2, Magnitude, Text };
+const wchar_t* const names[] = {L"Add",    L"Add2",       L"Subtract2", L"Multiply2", L"Multiply",
+                                L"Divide", L"Reciprocal", L"Divide2",   L"Magnitude", L"Text"};
 
-const wchar_t* name_of(operation o) {
-    static const wchar_t* const names[] = {L"Add",    L"Add2",       L"Subtract2", L"Multiply2", L"Multiply",
-                                           L"Divide", L"Reciprocal", L"Divide2",   L"Magnitude", L"Text"};
-    return names[static_cast<int>(o)];
-}
-
-// What a call gave: the result object, Magnitude's Double or the text, and
-// whether a failed call left the retval alone.
+// What a call gave, and whether a failed call left the retval alone.
 struct outcome {
     HRESULT hr = E_UNEXPECTED;
     number result;
     double magnitude = 0;
-    unique_bstr text;
+    std::wstring text;
     bool retval_untouched = true;
 };
 
-_CComplexNumber* const untouched = reinterpret_cast<_CComplexNumber*>(0x5A5A5A5A);
-
 // Calls the operation on z with operand c + di: as arguments for the
-// members that take Doubles, as an object of this class for the others,
-// or the object given.
-outcome apply(_CComplexNumber* z, operation o, value operand, _CComplexNumber* object = nullptr,
-              bool unset_operand = false) {
-    number made;
-    if (!object && !unset_operand) {
-        made = make(operand);
-        object = made.get();
-    }
-    double c = operand.real, d = operand.imaginary;
-    outcome out;
+// members that take Doubles, as the object given for the others.
+outcome apply(_CComplexNumber* z, operation o, value operand, _CComplexNumber* object) {
+    double c = operand.real, d = operand.imaginary, magnitude = -12345;
+    _CComplexNumber* const untouched = reinterpret_cast<_CComplexNumber*>(0x5A5A5A5A);
     _CComplexNumber* raw = untouched;
-    const double magnitude_sentinel = -12345;
-    double magnitude = magnitude_sentinel;
+    unique_bstr text;
+    outcome out;
     switch (o) {
     case operation::Add: out.hr = z->Add(&object, &raw); break;
     case operation::Add2: out.hr = z->Add2(&c, &d, &raw); break;
@@ -97,16 +83,12 @@ outcome apply(_CComplexNumber* z, operation o, value operand, _CComplexNumber* o
     case operation::Reciprocal: out.hr = z->Reciprocal(&raw); break;
     case operation::Divide2: out.hr = z->Divide2(&c, &d, &raw); break;
     case operation::Magnitude: out.hr = z->Magnitude(&magnitude); break;
-    case operation::Text: out.hr = z->Text(out.text.put()); break;
+    case operation::Text: out.hr = z->Text(text.put()); break;
     }
-    if (SUCCEEDED(out.hr)) {
-        if (o == operation::Magnitude)
-            out.magnitude = magnitude;
-        else if (o != operation::Text)
-            out.result = number::attach(raw);
-    } else {
-        out.retval_untouched = raw == untouched && magnitude == magnitude_sentinel;
-    }
+    out.magnitude = magnitude;
+    out.text = text_of(text.get());
+    if (raw != untouched) out.result = number::attach(raw);
+    out.retval_untouched = raw == untouched && magnitude == -12345;
     EXPECT_TRUE(same(c, operand.real) && same(d, operand.imaginary)) << "the arguments were written";
     return out;
 }
@@ -122,93 +104,68 @@ TEST(ComplexNumber, InitAndAddReturnTheObjectItselfAndComplexANewOne) {
     ASSERT_EQ(S_OK, z->Add(&other, &raw));
     EXPECT_EQ(z.get(), raw) << "Add";
     raw->Release();
-    EXPECT_TRUE(holds(z.get(), {8, 10})) << "Init, then Add";
     ASSERT_EQ(S_OK, z->Complex(&c, &d, &raw));
     number made = number::attach(raw);
     EXPECT_TRUE(z.get() != raw && holds(raw, {5, 6})) << "Complex";
-    EXPECT_TRUE(holds(z.get(), {8, 10})) << "Complex changed the object";
+    EXPECT_TRUE(holds(z.get(), {8, 10})) << "Init, then Add; Complex left it alone";
 }
 
 TEST(ComplexNumber, WorkedValues) {
     const double max = DBL_MAX;
     struct row { const char* name; value z; operation o; value operand, expected; };  // Magnitude's as real
     const row rows[] = {
-        {"sum", {1, 2}, operation::Add2, {3, 4}, {4, 6}},
         {"difference", {1, 2}, operation::Subtract2, {3, 4}, {-2, -2}},
         {"product of Doubles", {1, 2}, operation::Multiply2, {3, 4}, {-5, 10}},
         {"product of objects", {1, 2}, operation::Multiply, {3, 4}, {-5, 10}},
         {"quotient by Divide", {1, 2}, operation::Divide, {3, 4}, {0.44, 0.08}},
-        {"quotient by Divide2", {1, 2}, operation::Divide2, {3, 4}, {0.44, 0.08}},
         {"reciprocal", {3, 4}, operation::Reciprocal, {}, {0.12, -0.16}},
         {"magnitude", {3, 4}, operation::Magnitude, {}, {25, 0}},
         {"magnitude of squares underflowing one by one", {tiny, tiny}, operation::Magnitude, {}, {0, 0}},
-        {"magnitude of -0", {-0.0, 0}, operation::Magnitude, {}, {0, 0}},
         {"products beyond Double cancel", {1e200, 1e200}, operation::Multiply2, {1e200, 1e200}, {0, infinity}},
         {"largest Double doubled by Add2", {max, 0}, operation::Add2, {max, 0}, {infinity, 0}},
-        {"a part beyond the range is -inf", {-max, 1}, operation::Subtract2, {max, 1}, {-infinity, 0}},
         {"numerator beyond Double", {std::ldexp(1.0, 700), std::ldexp(1.0, 700)}, operation::Divide,
          {std::ldexp(1.0, 500), std::ldexp(1.0, 500)}, {std::ldexp(1.0, 200), 0}},
-        {"quotient beyond Double", {1e300, 0}, operation::Divide2, {1e-10, 0}, {infinity, 0}},
         {"Divide by zero", {1, 2}, operation::Divide, {0, 0}, {0, 0}},
         {"Reciprocal of zero", {0, 0}, operation::Reciprocal, {}, {0, 0}},
-        {"Divide by squares underflowing to zero", {1, 0}, operation::Divide, {tiny, tiny}, {0, 0}},
         {"Divide2 by an s rounded up to the smallest subnormal", {1, 0}, operation::Divide2, {tiny, tiny},
          {std::ldexp(tiny, 1074), -std::ldexp(tiny, 1074)}},
-        {"Reciprocal of a square underflowing to zero", {std::ldexp(1.0, -600), 0}, operation::Reciprocal, {}, {0, 0}},
     };
     // Every operation but Add leaves the object and its operand alone.
     for (const row& r : rows) {
         number z = make(r.z), operand = make(r.operand);
         outcome out = apply(z.get(), r.o, r.operand, operand.get());
         ASSERT_EQ(S_OK, out.hr) << r.name << ": " << hex(out.hr);
-        if (r.o == operation::Magnitude) {
+        if (r.o == operation::Magnitude)
             EXPECT_TRUE(same(r.expected.real, out.magnitude)) << r.name << ": " << out.magnitude;
-        } else {
-            EXPECT_TRUE(holds(out.result.get(), r.expected)) << r.name;
-            EXPECT_NE(z.get(), out.result.get()) << r.name << ": the object itself";
-            EXPECT_NE(operand.get(), out.result.get()) << r.name << ": the operand";
-        }
-        EXPECT_TRUE(holds(z.get(), r.z)) << r.name << ": the object changed";
-        EXPECT_TRUE(holds(operand.get(), r.operand)) << r.name << ": the operand changed";
+        else
+            EXPECT_TRUE(holds(out.result.get(), r.expected) && out.result.get() != z.get() && out.result.get() != operand.get()) << r.name;
+        EXPECT_TRUE(holds(z.get(), r.z) && holds(operand.get(), r.operand)) << r.name << ": an input changed";
     }
 }
 
-// Objects of the test program's own frame, so that its count shows whether a
-// failed operation released the result it had made.
 TEST(ComplexNumber, FailuresRaiseTheRuntimesErrorsAndLeaveNothingBehind) {
     const double max = DBL_MAX;
     struct row { const char* name; value z; operation o; value operand; HRESULT expected; value z_after; bool unset = false; };
     const row rows[] = {
-        {"inf + -inf", {infinity, 0}, operation::Add2, {-infinity, 0}, overflow, {infinity, 0}},
         {"inf - inf", {0, infinity}, operation::Subtract2, {0, infinity}, overflow, {0, infinity}},
-        {"0 * inf", {infinity, 0}, operation::Multiply2, {0, 0}, overflow, {infinity, 0}},
-        {"0 * inf in the real part only", {1, 0}, operation::Multiply2, {0, infinity}, overflow, {1, 0}},
         {"0 * inf in the imaginary part only", {1, 0}, operation::Multiply2, {infinity, 0}, overflow, {1, 0}},
-        {"0 * inf through an object", {0, 1}, operation::Multiply, {infinity, 0}, overflow, {0, 1}},
         {"Divide2 by 0 + 0i", {1, 2}, operation::Divide2, {0, 0}, overflow, {1, 2}},
         {"Divide2 by an s underflowing to zero", {1, 0}, operation::Divide2, {1e-170, 0}, division_by_zero, {1, 0}},
-        {"Magnitude with a real part of 1e160", {1e160, 0}, operation::Magnitude, {}, overflow, {1e160, 0}},
         {"Magnitude with an imaginary part of -1e160", {0, -1e160}, operation::Magnitude, {}, overflow, {0, -1e160}},
-        {"Magnitude of an infinity", {infinity, 0}, operation::Magnitude, {}, overflow, {infinity, 0}},
         {"Divide with s beyond Double", {1, 1}, operation::Divide, {1e160, 0}, overflow, {1, 1}},
-        {"Divide2 with s beyond Double", {1, 1}, operation::Divide2, {0, 1e160}, overflow, {1, 1}},
         {"Reciprocal with s beyond Double", {1e160, 1}, operation::Reciprocal, {}, overflow, {1e160, 1}},
         {"largest Double doubled by Add", {max, 1}, operation::Add, {max, 0}, overflow, {infinity, 1}},
-        {"Add overflowing the imaginary part", {1, max}, operation::Add, {2, max}, overflow, {3, infinity}},
         {"Add of inf and -inf", {infinity, 1}, operation::Add, {-infinity, 1}, overflow, {not_a_number, 1}},
-        {"Add of nothing", {1, 2}, operation::Add, {}, object_not_set, {1, 2}, true},
         {"Multiply by nothing", {1, 2}, operation::Multiply, {}, object_not_set, {1, 2}, true},
-        {"Divide by nothing", {1, 2}, operation::Divide, {}, object_not_set, {1, 2}, true},
     };
     for (const row& r : rows) {
         {
-            number z = make(r.z, true);
-            number operand = r.unset ? number() : make(r.operand, true);
-            outcome out = apply(z.get(), r.o, r.operand, operand.get(), r.unset);
+            number z = make(r.z, true), operand = r.unset ? number() : make(r.operand, true);
+            outcome out = apply(z.get(), r.o, r.operand, operand.get());
             EXPECT_EQ(hex(r.expected), hex(out.hr)) << r.name;
             EXPECT_TRUE(out.retval_untouched) << r.name;
             const error_info error = take_error_info();
-            EXPECT_EQ(std::wstring(L"CComplexNumber.") + name_of(r.o), error.source) << r.name;
+            EXPECT_EQ(std::wstring(L"CComplexNumber.") + names[static_cast<int>(r.o)], error.source) << r.name;
             const wchar_t* description = r.expected == overflow           ? L"Overflow"
                                          : r.expected == division_by_zero ? L"Division by zero"
                                                                           : L"Object variable or With block variable not set";
@@ -219,22 +176,13 @@ TEST(ComplexNumber, FailuresRaiseTheRuntimesErrorsAndLeaveNothingBehind) {
     }
 }
 
-std::wstring text_form(_CComplexNumber* z) { return text_of(apply(z, operation::Text, {}).text.get()); }
-
 TEST(ComplexNumber, TextFollowsItsFourRules) {
     struct row { value z; const wchar_t *point, *comma; };  // with "." and with "," as the separator
     const row rows[] = {
-        {{3, 4}, L"3+4i", L"3+4i"},
-        {{3, -4}, L"3-4i", L"3-4i"},
-        {{0, 2.5}, L"2.5i", L"2,5i"},
-        {{0, -1}, L"-1i", L"-1i"},
-        {{-1.5, 0}, L"-1.5", L"-1,5"},
-        {{0, 0}, L"0", L"0"},
-        {{0.44, 0.08}, L"0.44+0.08i", L"0,44+0,08i"},
+        {{3, 4}, L"3+4i", L"3+4i"},         {{3, -4}, L"3-4i", L"3-4i"},  {{0, 2.5}, L"2.5i", L"2,5i"},
+        {{-1.5, 0}, L"-1.5", L"-1,5"},      {{0, 0}, L"0", L"0"},         {{-0.0, 5}, L"5i", L"5i"},
         {{-0.125, -1234567.5}, L"-0.125-1234567.5i", L"-0,125-1234567,5i"},
-        {{2.0 / 3, 0}, L"0.666666666666667", L"0,666666666666667"},
         {{1e20, -1e-20}, L"1E+20-1E-20i", L"1E+20-1E-20i"},
-        {{-0.0, 5}, L"5i", L"5i"},
     };
     // The seam replaces the user's locale in the test program's own frame;
     // changing the user's settings would reach every process of the prefix.
@@ -242,13 +190,9 @@ TEST(ComplexNumber, TextFollowsItsFourRules) {
         const scoped_complex_text_locale replaced(locale);
         for (const row& r : rows) {
             number z = make(r.z, true);
-            EXPECT_EQ(locale == 0x0409 ? r.point : r.comma, text_form(z.get())) << "locale " << locale;
+            EXPECT_EQ(locale == 0x0409 ? r.point : r.comma, apply(z.get(), operation::Text, {}, nullptr).text);
         }
     }
-    wchar_t separator[8] = {};
-    GetLocaleInfoW(LOCALE_USER_DEFAULT, LOCALE_SDECIMAL, separator, 8);
-    number z = make({0, 2.5});
-    EXPECT_EQ(L"2" + std::wstring(separator) + L"5i", text_form(z.get())) << "the user's separator";
 }
 
 // clang-format off
@@ -270,10 +214,10 @@ LONG CALLBACK count_float_trap(EXCEPTION_POINTERS* info) {
 
 TEST(ComplexNumber, SetsItsOwnX87EnvironmentAndGivesTheCallersBack) {
     PVOID handler = AddVectoredExceptionHandler(1, count_float_trap);
+    const double one_plus = 1 + std::ldexp(1.0, -30);
     struct caller { const char* name; unsigned short control; };
     const caller callers[] = {
         {"53-bit precision, as Windows starts threads", 0x027F},
-        {"64-bit precision", 0x037F},
         {"rounding toward zero", 0x0E7F},
         {"invalid, zero-divide and overflow unmasked", 0x0272},
     };
@@ -285,7 +229,6 @@ TEST(ComplexNumber, SetsItsOwnX87EnvironmentAndGivesTheCallersBack) {
         {"overflow at the rounding", {DBL_MAX, 0}, operation::Add2, {DBL_MAX, 0}, S_OK, {infinity, 0}},
         {"invalid", {1, 2}, operation::Divide2, {0, 0}, overflow, {}},
         {"division by zero", {1, 0}, operation::Divide2, {1e-170, 0}, division_by_zero, {}},
-        {"sum of squares beyond Double", {1e160, 0}, operation::Magnitude, {}, overflow, {}},
         {"Text, comparing a NaN part", {1, not_a_number}, operation::Text, {}, S_OK, {}},
     };
     for (const caller& c : callers) {
@@ -297,17 +240,18 @@ TEST(ComplexNumber, SetsItsOwnX87EnvironmentAndGivesTheCallersBack) {
             load_control_word(c.control);
             volatile long double inexact = 1.0L;  // the x87 in 32-bit and 64-bit code
             inexact = inexact / 3;  // the caller's own sticky flag: precision
-            outcome out = apply(z.get(), r.o, r.operand);
+            outcome out = apply(z.get(), r.o, r.operand, nullptr);
             const unsigned short control_after = control_word(), flags_after = exception_flags();
             load_control_word(ours);
             EXPECT_EQ(0, float_traps) << name;
             EXPECT_EQ(c.control, control_after) << name << ": control word not restored";
             EXPECT_EQ(0x20, flags_after) << name << ": the caller's flags not restored";
             EXPECT_EQ(hex(r.expected_hr), hex(out.hr)) << name;
-            if (r.o == operation::Text)
-                EXPECT_EQ(L"11.#QNANi", text_of(out.text.get())) << name;
-            else if (SUCCEEDED(r.expected_hr) && out.result)
+            if (r.o == operation::Text) {
+                EXPECT_EQ(L"11.#QNANi", out.text) << name;
+            } else if (SUCCEEDED(r.expected_hr)) {
                 EXPECT_TRUE(holds(out.result.get(), r.expected)) << name;
+            }
         }
     }
     RemoveVectoredExceptionHandler(handler);

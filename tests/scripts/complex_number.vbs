@@ -1,12 +1,10 @@
 ' CComplexNumber from VBScript: chained calls, variables and literals for
-' the ByRef Doubles, the text form and the errors.
+' the ByRef Doubles, object variables by reference, and the errors.
 Option Explicit
 Dim failures : failures = 0
 Sub Check(condition, what)
     If Not condition Then failures = failures + 1 : WScript.Echo "FAILED: " & what
 End Sub
-' Texts are written with "."; the component uses the user's separator.
-Function InLocale(text) : InLocale = Replace(text, ".", Mid(CStr(1.5), 2, 1)) : End Function
 
 Dim z : Set z = CreateObject("vxTypes32.CComplexNumber")
 Check z.Text = "0", "a new object is 0, got " & z.Text
@@ -15,18 +13,11 @@ Dim re, im : re = 3 : im = 4
 Dim c : Set c = z.Complex(re, im)
 Check Not (c Is z) And c.Text = "3+4i" And z.Text = "1+2i", "Complex from variables makes a new object"
 Check z.Multiply2(re, im).Text = "-5+10i" And z.Multiply(c).Text = "-5+10i", "products"
-Check z.Divide(c).Text = InLocale("0.44+0.08i") And z.Divide2(3, 4).Text = InLocale("0.44+0.08i"), "quotients"
-Check c.Reciprocal.Text = InLocale("0.12-0.16i") And c.Magnitude = 25, "Reciprocal and Magnitude"
-Check z.Subtract2(0.5, re).Text = InLocale("0.5-1i") And z.Add2(-1, -2).Text = "0", "Subtract2 and Add2"
 Check z.Divide(z.Complex(0, 0)).Text = "0", "Divide by 0 + 0i gives 0 + 0i"
 ' Statement form, object variables passed by reference.
 z.Add c
 z.Add z
 Check z.Text = "8+12i" And c.Text = "3+4i", "z.Add c then z.Add z, got " & z.Text
-Dim row
-For Each row In Array(Array(3, -4, "3-4i"), Array(0, 2.5, "2.5i"), Array(0, -1, "-1i"), Array(-1.5, 0, "-1.5"))
-    Check z.Init(row(0), row(1)).Text = InLocale(row(2)), "Text of " & row(0) & ", " & row(1)
-Next
 
 Dim r
 On Error Resume Next
