@@ -40,9 +40,7 @@ Check ret = 0 And kind = 1 And value(0) = "78 56 34 12", "the Byte() element wri
 
 Dim list
 Check reg.DirValue(list) = 0 And VarType(list) = vbArray + vbString, "DirValue gives a String array"
-Check reg.MakeKey("sub") = 0 And reg.DirKey(list) = 0 And VarType(list) = vbArray + vbString, "DirKey"
-Check reg.CD("sub") = 0 And reg.DirKey(list) = 0 And IsNull(list), "DirKey of a key without subkeys gives Null"
-Check reg.CD("\HKLM") = 2 And reg.CD("..") = 1, "an unknown root, then '..' without a current key"
+Check reg.MakeKey("sub") = 0 And reg.CD("sub") = 0 And reg.DirKey(list) = 0 And IsNull(list), "DirKey of no subkeys: Null"
 
 status = reg.CD(scratch)
 Check reg.DeleteKey("sub") = 0 And reg.CD("..") = 0 And reg.DeleteKey("vxTypes32 script tests") = 0, "clean up"

@@ -16,17 +16,15 @@ TEST(QuickSortConnections, AdviseTakesTheEventsInterfaceOrIDispatch) {
         {"neither", false, false, CONNECT_E_CANNOTCONNECT},
     };
     for (const auto& c : cases) {
-        connected_sorter s = new_sorter();
         recording_sink sink(nullptr);
+        connected_sorter s = new_sorter();  // ends first, letting the sink go
         sink.answers_for_events_interface = c.events_interface;
         sink.answers_for_dispatch = c.dispatch;
         DWORD cookie = 12345;
         EXPECT_EQ(hex(c.expected), hex(s.point->Advise(&sink, &cookie))) << c.name;
         EXPECT_EQ(c.expected == S_OK, cookie != 0) << c.name;
-        if (c.expected != S_OK) continue;
         EXPECT_EQ(S_OK, s.sorter->Sort(2, 1)) << c.name;
-        EXPECT_EQ(1, sink.events) << c.name << ": the sink hears the sort";
-        EXPECT_EQ(S_OK, s.point->Unadvise(cookie)) << c.name;
+        EXPECT_EQ(c.expected == S_OK, sink.events == 1) << c.name << ": the sink hears the sort if connected";
     }
 }
 
@@ -63,9 +61,9 @@ TEST(QuickSortConnections, CookiesNameConnectionsUntilTheyAreUnadvised) {
 // The first sink says "after"; the second sees that through the same
 // variable and overrules it with "before": no swap follows.
 TEST(QuickSortConnections, EveryConnectedSinkGetsEveryEventAndTheLastAnswerCounts) {
-    connected_sorter s = new_sorter();
     event_list log;
     recording_sink first(nullptr), second(nullptr);
+    connected_sorter s = new_sorter();
     first.log = second.log = &log;
     first.name = "A:";
     second.name = "B:";
@@ -78,15 +76,13 @@ TEST(QuickSortConnections, EveryConnectedSinkGetsEveryEventAndTheLastAnswerCount
         if (id == 1) EXPECT_TRUE(handed_to_first == answer && std::exchange(*answer, -1) == 1) << "one variable";
         return S_OK;
     };
-    const DWORD a = s.advise(&first), b = s.advise(&second);
+    s.advise(&first), s.advise(&second);  // the sorter's end lets them go
     EXPECT_EQ(S_OK, s.sorter->Sort(4, 1));
     ASSERT_TRUE(!log.empty() && log.size() % 2 == 0);
     for (size_t i = 0; i < log.size(); i += 2)
         EXPECT_TRUE(log[i] == "A:" + log[i + 1].substr(2) && log[i + 1].substr(0, 2) == "B:" &&
                     log[i].find("SwapItems") == std::string::npos)
             << "event " << i / 2 << ": " << log[i] << ", " << log[i + 1];
-    s.point->Unadvise(a);
-    s.point->Unadvise(b);
 }
 
 TEST(QuickSortConnections, AHandlerMayReleaseTheLastReferenceToTheSorter) {

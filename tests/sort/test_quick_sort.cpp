@@ -32,15 +32,12 @@ sort_outcome run_sort(const item_store& items, LONG last, std::optional<LONG> fi
     sink.before = std::move(before);
     const DWORD cookie = s.advise(&sink);
     s.sorter->put_runtime(77);
-    if (first) {
-        outcome.hr = s.sorter->Sort(last, *first);
-    } else {
-        VARIANT argument;
-        argument.vt = VT_I4;
-        argument.lVal = last;
-        DISPPARAMS params = {&argument, nullptr, 1, 0};
-        outcome.hr = s.sorter->Invoke(0x60030002, IID_NULL, 0, DISPATCH_METHOD, &params, nullptr, nullptr, nullptr);
-    }
+    VARIANT argument;
+    argument.vt = VT_I4;
+    argument.lVal = last;
+    DISPPARAMS params = {&argument, nullptr, 1, 0};
+    outcome.hr = first ? s.sorter->Sort(last, *first)
+                       : s.sorter->Invoke(0x60030002, IID_NULL, 0, DISPATCH_METHOD, &params, nullptr, nullptr, nullptr);
     if (FAILED(outcome.hr)) outcome.error = take_error_info();
     s.sorter->get_runtime(&outcome.runtime);
     s.point->Unadvise(cookie);
@@ -63,11 +60,9 @@ TEST(QuickSortEvents, ShortRangesAndWorkedExamplesGiveExactlyTheContractedEvents
          {"isLess(1,3)", "SwapItems(1,3)", "isLess(1,3)", "isLess(2,3)", "SwapItems(2,3)", "isLess(2,3)",
           "isLess(2,2)", "isLess(2,2)"},
          {1, 2, 2}},
-        {"Sort(1)", {5}, 1, std::nullopt, {}, {5}},
         {"Sort(0)", {5}, 0, std::nullopt, {}, {5}},
         {"lastNdx below firstNdx", {9, 8, 7}, 1, 3, {}, {9, 8, 7}},
         {"two items out of order", {2, 1}, 2, std::nullopt, {"isLess(1,2)", "SwapItems(1,2)"}, {1, 2}},
-        {"two items in order", {1, 2}, 2, 1, {"isLess(1,2)"}, {1, 2}},
         {"two equal items", {4, 4}, 2, 1, {"isLess(1,2)"}, {4, 4}},
     };
     for (const case_& c : cases) {
@@ -94,9 +89,8 @@ DWORD WINAPI sort_on_small_stack(void* parameter) {
             return ++(id == 1 ? run->comparisons : run->swaps), S_OK;
         };
         connected_sorter s = new_sorter();
-        const DWORD cookie = s.advise(&sink);
+        s.advise(&sink);
         run->hr = s.sorter->Sort(run->n, 1);
-        s.point->Unadvise(cookie);
     }
     CoUninitialize();
     return 0;
@@ -108,10 +102,8 @@ TEST(QuickSortEvents, PresortedAndEqualRangesCostTheQuadraticCountWithoutSwapsAn
     for (counted_sort run : runs) {
         const HANDLE thread =
             CreateThread(nullptr, 64 * 1024, sort_on_small_stack, &run, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
-        ASSERT_NE(nullptr, thread) << run.n;
-        WaitForSingleObject(thread, INFINITE);
         DWORD code = 1;
-        GetExitCodeThread(thread, &code);
+        ASSERT_TRUE(thread && !WaitForSingleObject(thread, INFINITE) && GetExitCodeThread(thread, &code)) << run.n;
         CloseHandle(thread);
         EXPECT_TRUE(code == 0 && run.hr == S_OK) << run.n << ": the thread did not end normally";
         EXPECT_EQ(run.n * (run.n + 1LL) / 2 + run.n - 4, run.comparisons) << run.n << (run.all_equal ? " equal" : "");
