@@ -869,7 +869,7 @@ bool empty_clipboard() {
 // Taken with the clipboard emptied, since CopyToClipboard leaves a bitmap there.
 struct resource_figures {
     bool emptied = empty_clipboard();
-    std::size_t heap = heap_bytes_in_use(), private_usage = private_bytes();
+    std::size_t heap = heap_bytes_in_use();
     long gdi = gdi_object_count();
     DWORD keys = open_registry_keys();
 };
@@ -920,9 +920,9 @@ int run_fuzzer() {
         total += c.calls + c.names;
     }
     std::printf("calls in all: %lu\n", total);
-    std::printf("before, after: heap bytes in use %zu, %zu; private bytes %zu, %zu; GDI objects %ld, %ld; "
+    std::printf("before, after: heap bytes in use %zu, %zu; GDI objects %ld, %ld; "
                 "open registry keys %lu, %lu\n",
-                before.heap, after.heap, before.private_usage, after.private_usage, before.gdi, after.gdi,
+                before.heap, after.heap, before.gdi, after.gdi,
                 static_cast<unsigned long>(before.keys), static_cast<unsigned long>(after.keys));
     std::fflush(stdout);
 

@@ -67,8 +67,6 @@ std::wstring describe(const VARIANT& value) {
     return text.str();
 }
 
-std::string narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
-
 std::ostream& operator<<(std::ostream& out, const call_outcome& o) {
     return out << hex(o.hr) << " [" << narrow(o.result) << "] [" << narrow(o.written_back) << "] "
                << o.argument_error << " " << hex(o.exception_code) << " [" << narrow(o.source + L"] [" + o.description) << "]";

@@ -15,14 +15,6 @@ const wchar_t* const libid = L"{4CF34B96-9FF3-440A-A358-4CF5DCBADA69}";
 const wchar_t* const automation_marshaller = L"{00020424-0000-0000-C000-000000000046}";
 const wchar_t* const dispatch_marshaller = L"{00020420-0000-0000-C000-000000000046}";
 
-std::wstring guid_text(const GUID& guid) {
-    wchar_t text[40] = {};
-    StringFromGUID2(guid, text, 40);
-    return text;
-}
-
-std::string narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
-
 // Where a test looks: HKEY_CLASSES_ROOT unless it says otherwise.
 HKEY classes = HKEY_CLASSES_ROOT;
 
@@ -89,6 +81,8 @@ void expect_everything_registered(const char* when) {
     }
     const wchar_t* platform = sizeof(void*) == 8 ? L"\\1.2\\0\\win64" : L"\\1.2\\0\\win32";
     EXPECT_EQ(path, upper(value_of(std::wstring(L"TypeLib\\") + libid + platform))) << when;
+    EXPECT_EQ(path.substr(0, path.rfind(L'\\')), upper(value_of(std::wstring(L"TypeLib\\") + libid + L"\\1.2\\HELPDIR")))
+        << when << ": HELPDIR is the DLL's folder";
 }
 
 TEST(Registration, RoundTripLeavesNothingBehindAndEndsRegistered) {

@@ -6,6 +6,7 @@
 // descriptions; this catches a change to those descriptions that nobody meant.
 // Both DLLs give the same listing; after a deliberate change,
 // VX_TYPELIB_LISTING=<file> writes it out.
+#include "frame/registration.h"
 #include "support/component.h"
 
 #include <cstdio>
@@ -17,12 +18,6 @@ namespace {
 
 // The stand-in for the VB runtime's library is registered by the dispatch
 // battery's environment, in the same program.
-
-std::wstring guid_text(const GUID& value) {
-    wchar_t text[40] = {};
-    StringFromGUID2(value, text, 40);
-    return text;
-}
 
 std::wstring name_of(ITypeInfo* info, MEMBERID member = MEMBERID_NIL) {
     unique_bstr name;

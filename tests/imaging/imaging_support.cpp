@@ -46,6 +46,4 @@ void set_pixel(_cDIBSection* section, long x, long y, std::uint32_t rgb) {
     p[2] = (rgb >> 16) & 0xFF;
 }
 
-std::string narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
-
 }  // namespace vx::test

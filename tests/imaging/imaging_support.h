@@ -11,8 +11,6 @@
 
 namespace vx::test {
 
-constexpr HRESULT automation_error_number(long number) { return static_cast<HRESULT>(0x800A0000 + number); }
-
 com_ptr<_cDIBSection> new_section();
 // A live section of the size; the test fails when Create refuses it.
 com_ptr<_cDIBSection> new_section(long width, long height);
@@ -31,6 +29,5 @@ unsigned char* bits_of(_cDIBSection* section);
 std::uint32_t pixel_at(_cDIBSection* section, long x, long y);
 void set_pixel(_cDIBSection* section, long x, long y, std::uint32_t rgb);
 
-std::string narrow(const std::wstring& text);
 
 }  // namespace vx::test

@@ -1,5 +1,5 @@
 // CopyToClipboard with its default argument really shows its message, and
-// a helper thread dismisses it. Run with a display (Xvfb): without one,
+// a helper thread dismisses it; with False it copies a bitmap instead. Run with a display (Xvfb): without one,
 // Wine's MessageBox fails at once and there is nothing to see.
 #include "imaging/imaging_support.h"
 #include "support/box_dismisser.h"
@@ -31,29 +31,28 @@ std::string text_on_clipboard() {
     return text;
 }
 
-TEST(CopyToClipboardMessage, TheDefaultShowsTheMessageAndCopiesNothing) {
-    for (bool late_bound : {false, true}) {
-        const char* label = late_bound ? "no argument, late-bound" : "True through the vtable";
-        put_text_on_clipboard("left alone");
+TEST(CopyToClipboard, TheDefaultShowsTheMessageAndFalseCopiesABitmap) {
+    put_text_on_clipboard("left alone");
+    {
         com_ptr<_cDIBSection> section = new_section(10, 10);
         box_dismisser dismisser;
-        VARIANT_BOOL copied = VARIANT_TRUE;
         DISPPARAMS none = {};
         unique_variant result;
-        if (late_bound) {
-            ASSERT_EQ(S_OK, section->Invoke(0x60030006, IID_NULL, 0, DISPATCH_METHOD, &none, result.put(), nullptr,
-                                            nullptr)) << label;
-            ASSERT_EQ(VT_BOOL, V_VT(result.get())) << label;
-            copied = V_BOOL(result.get());
-        } else {
-            ASSERT_EQ(S_OK, section->CopyToClipboard(VARIANT_TRUE, &copied)) << label;
-        }
-        EXPECT_EQ(VARIANT_FALSE, copied) << label;
+        ASSERT_EQ(S_OK, section->Invoke(0x60030006, IID_NULL, 0, DISPATCH_METHOD, &none, result.put(), nullptr, nullptr));
+        EXPECT_TRUE(V_VT(result.get()) == VT_BOOL && V_BOOL(result.get()) == VARIANT_FALSE) << "nothing copied";
         const auto seen = dismisser.seen();
-        ASSERT_EQ(1u, seen.size()) << label << ": one box shown and dismissed";
-        EXPECT_EQ(narrow(message), narrow(seen[0].text)) << label;
-        EXPECT_EQ("left alone", text_on_clipboard()) << label << ": the clipboard is as it was";
+        ASSERT_EQ(1u, seen.size()) << "one box shown and dismissed";
+        EXPECT_EQ(narrow(message), narrow(seen[0].text));
+        EXPECT_EQ("left alone", text_on_clipboard()) << "the clipboard is as it was";
     }
+    // False copies the section as a bitmap, without a word.
+    com_ptr<_cDIBSection> section = new_section(37, 21);
+    box_dismisser dismisser;
+    VARIANT_BOOL copied = VARIANT_FALSE;
+    ASSERT_EQ(S_OK, section->CopyToClipboard(VARIANT_FALSE, &copied));
+    EXPECT_EQ(VARIANT_TRUE, copied);
+    EXPECT_EQ(" and a bitmap", text_on_clipboard());
+    EXPECT_TRUE(dismisser.seen().empty());
 }
 
 }  // namespace

@@ -16,7 +16,6 @@ namespace {
 constexpr long failure = -2147221248;  // a registry call failed
 using bytes = std::vector<unsigned char>;
 
-std::string narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
 std::wstring widen(const std::string& text) { return std::wstring(text.begin(), text.end()); }
 
 class scratch_key {
@@ -185,11 +184,9 @@ TEST(EasyRegistryNavigation, PathsResolveAsStated) {
         {"one trailing backslash is dropped", {{L"~\\a\\", 0, L"~\\A"}}},
         {"'\\' closes the key", {{L"~", 0, L"~"}, {L"\\", 0, L""}}},
         {"an unknown root loses the current key", {{L"~", 0, L"~"}, {L"\\HKLM\\SOFTWARE", 2, L""}}},
-        {"HKEY_PERFORMANCE_DATA is not a root", {{L"\\HKEY_PERFORMANCE_DATA", 2, L""}}},
         {"an empty path without a current key", {{L"", 2, L""}}},
         {"an empty path reopens the key",
          {{L"\\HKEY_USERS", 0, L"\\HKEY_USERS"}, {L"", 0, L"\\HKEY_USERS\\"}, {L"..", 0, L"\\HKEY_USERS"}}},
-        {"a double backslash has an empty root", {{L"~", 0, L"~"}, {L"\\\\", 2, L""}}},
         {"a missing key is still reported", {{L"~\\missing", failure, L"~\\MISSING"}}},
         {"every root opens", {{L"\\HKEY_CLASSES_ROOT", 0, L"\\HKEY_CLASSES_ROOT"},
                               {L"\\HKEY_LOCAL_MACHINE", 0, L"\\HKEY_LOCAL_MACHINE"},

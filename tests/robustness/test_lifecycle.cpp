@@ -24,8 +24,6 @@ long cycles() {
 }
 long reloads() { return std::max(cycles() / 100, 10L); }
 
-std::string narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
-
 struct resources {
     std::size_t heap = heap_bytes_in_use();
     long gdi = gdi_object_count();
@@ -73,6 +71,9 @@ bool use_complex(IUnknown* object, long) {
 bool use_dib_section(IUnknown* object, long cycle) {
     com_ptr<_cDIBSection> section = as<_cDIBSection>(object, IID__cDIBSection), resampled;
     VARIANT_BOOL made = VARIANT_FALSE;
+    // A second Create releases the first, and so does a refused one.
+    section->Create(3, 2, &made);
+    section->Create(0, 2, &made);
     if (section->Create(16, 8, &made) != S_OK || made != VARIANT_TRUE) return false;
     section->RandomiseBits(VARIANT_TRUE);
     if (section->Resample(6, 10, resampled.put()) != S_OK || !resampled) return false;
@@ -128,7 +129,7 @@ bool use_easy_registry(IUnknown* object, long cycle) {
 
 HBITMAP masked_bitmap;  // the client's, made once
 
-bool use_masked_bitmap(IUnknown* object, long) {
+bool use_masked_bitmap(IUnknown* object, long cycle) {
     com_ptr<_clsBitmap> masked = as<_clsBitmap>(object, IID__clsBitmap);
     LONG_PTR handle = reinterpret_cast<LONG_PTR>(masked_bitmap), mask = 0, inverted = 0;
     VARIANT_BOOL set = VARIANT_FALSE;
@@ -136,6 +137,7 @@ bool use_masked_bitmap(IUnknown* object, long) {
     if (masked->SetBitmap(&handle, &set) != S_OK || set != VARIANT_TRUE) return false;
     masked->get_MaskDC(&mask);
     masked->get_InvertImageDC(&inverted);
+    if (cycle % 2) masked->SetBitmap(&handle, &set);  // refused, still selected: every DC goes
     return mask != 0 && inverted != 0;
 }
 

@@ -44,12 +44,10 @@ public:
     std::string name;           // prefix for the log lines
     // Runs before the sink's own handling; a failure is returned as is.
     std::function<HRESULT(DISPID, LONG, LONG, SHORT*, EXCEPINFO*)> before;
-    bool answers_for_events_interface = true, answers_for_dispatch = true;
     long events = 0;
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
-        *object = IsEqualIID(iid, IID_IUnknown) || (answers_for_dispatch && IsEqualIID(iid, IID_IDispatch)) ||
-                          (answers_for_events_interface && IsEqualIID(iid, DIID___clsQuickSort))
+        *object = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch) || IsEqualIID(iid, DIID___clsQuickSort)
                       ? static_cast<IDispatch*>(this)
                       : nullptr;
         return *object ? AddRef(), S_OK : E_NOINTERFACE;
@@ -110,7 +108,5 @@ struct connected_sorter {
 };
 
 inline connected_sorter new_sorter() { return connected_sorter(create<_clsQuickSort>(CLSID_clsQuickSort, IID__clsQuickSort)); }
-
-constexpr HRESULT automation_error_number(long number) { return static_cast<HRESULT>(0x800A0000 + number); }
 
 }  // namespace vx::test

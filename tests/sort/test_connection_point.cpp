@@ -1,32 +1,11 @@
 // How clsQuickSort's events reach their sinks: the connection point, cookies
-// and the enumerator; every sink in turn, sharing one answer; and a handler
-// that releases the sorter while a sort is running.
+// and the enumerator; every sink in turn, sharing one answer.
 #include "sort/sort_sinks.h"
 
 #include <utility>
 
 namespace vx::test {
 namespace {
-
-TEST(QuickSortConnections, AdviseTakesTheEventsInterfaceOrIDispatch) {
-    const struct { const char* name; bool events_interface, dispatch; HRESULT expected; } cases[] = {
-        {"both", true, true, S_OK},
-        {"the events interface only", true, false, S_OK},
-        {"IDispatch only", false, true, S_OK},
-        {"neither", false, false, CONNECT_E_CANNOTCONNECT},
-    };
-    for (const auto& c : cases) {
-        recording_sink sink(nullptr);
-        connected_sorter s = new_sorter();  // ends first, letting the sink go
-        sink.answers_for_events_interface = c.events_interface;
-        sink.answers_for_dispatch = c.dispatch;
-        DWORD cookie = 12345;
-        EXPECT_EQ(hex(c.expected), hex(s.point->Advise(&sink, &cookie))) << c.name;
-        EXPECT_EQ(c.expected == S_OK, cookie != 0) << c.name;
-        EXPECT_EQ(S_OK, s.sorter->Sort(2, 1)) << c.name;
-        EXPECT_EQ(c.expected == S_OK, sink.events == 1) << c.name << ": the sink hears the sort if connected";
-    }
-}
 
 TEST(QuickSortConnections, CookiesNameConnectionsUntilTheyAreUnadvised) {
     connected_sorter s = new_sorter();
@@ -83,25 +62,6 @@ TEST(QuickSortConnections, EveryConnectedSinkGetsEveryEventAndTheLastAnswerCount
         EXPECT_TRUE(log[i] == "A:" + log[i + 1].substr(2) && log[i + 1].substr(0, 2) == "B:" &&
                     log[i].find("SwapItems") == std::string::npos)
             << "event " << i / 2 << ": " << log[i] << ", " << log[i + 1];
-}
-
-TEST(QuickSortConnections, AHandlerMayReleaseTheLastReferenceToTheSorter) {
-    item_store store{1, {3, 1, 2}};
-    recording_sink sink(&store);
-    _clsQuickSort* sorter = nullptr;
-    {
-        connected_sorter s = new_sorter();
-        s.advise(&sink);  // left connected: the sorter's end releases the sink
-        sorter = s.sorter.get();
-        sorter->AddRef();
-    }
-    sink.before = [&](DISPID, LONG, LONG, SHORT*, EXCEPINFO*) {
-        if (sorter) std::exchange(sorter, nullptr)->Release();
-        return S_OK;
-    };
-    _clsQuickSort* const raw = sorter;
-    EXPECT_EQ(S_OK, raw->Sort(3, 1));
-    EXPECT_EQ((std::vector<int>{1, 2, 3}), store.values);
 }
 
 }  // namespace

@@ -51,8 +51,12 @@ struct error_info {
 };
 error_info take_error_info();
 
-// Narrow text of an HRESULT for assertion messages.
+// Narrow text of an HRESULT, and of wide text, for assertion messages.
 std::string hex(HRESULT hr);
+inline std::string narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
+
+// The HRESULT of a raised automation error of this number.
+constexpr HRESULT automation_error_number(long number) { return static_cast<HRESULT>(0x800A0000 + number); }
 
 }  // namespace vx::test
 

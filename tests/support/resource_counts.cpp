@@ -1,8 +1,5 @@
 #include "support/resource_counts.h"
 
-// kernel32 answers it; no import of psapi.dll.
-#define PSAPI_VERSION 2
-#include <psapi.h>
 #include <winternl.h>
 
 #include <string>
@@ -76,15 +73,6 @@ std::size_t heap_bytes_in_use() {
         HeapUnlock(heaps[h]);
     }
     return in_use;
-}
-
-std::size_t private_bytes() {
-    PROCESS_MEMORY_COUNTERS_EX counters = {};
-    counters.cb = sizeof counters;
-    if (!GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters),
-                              sizeof counters))
-        return 0;
-    return counters.PrivateUsage;
 }
 
 }  // namespace vx::test

@@ -21,8 +21,4 @@ DWORD open_registry_keys();
 // them (nothing the allocator merely keeps in reserve is counted).
 std::size_t heap_bytes_in_use();
 
-// The process's private bytes as the platform reports them (PrivateUsage);
-// 0 where it does not.
-std::size_t private_bytes();
-
 }  // namespace vx::test

@@ -41,8 +41,6 @@ private:
     std::wstring previous_;
 };
 
-constexpr HRESULT automation_error_number(long number) { return static_cast<HRESULT>(0x800A0000 + number); }
-
 TEST(UserInfo, NamesComeWholeOrRaiseTheSystemsError) {
     // Wine's GetComputerNameA refuses any name over 15 characters.
     const struct { bool logon; std::wstring name; long error; } cases[] = {
