@@ -33,7 +33,6 @@ TEST(Resample, RefusalsAndErrors) {
         long new_height, new_width; HRESULT expected; bool object;
     } rows[] = {
         {"1 pixel wide, another size", 1, 5, false, 10, 10, automation_error_number(9), false},
-        {"1 scan line high, another size", 5, 1, false, 10, 10, automation_error_number(9), false},
         {"1 pixel wide, the same size", 1, 5, false, 5, 1, S_OK, true},
         {"released, old size kept", 6, 6, true, 10, 10, automation_error_number(9), false},
         {"new instance", 0, 0, false, 3, 3, automation_error_number(9), false},

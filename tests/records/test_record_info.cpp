@@ -23,25 +23,18 @@ com_ptr<IRecordInfo> record_info(const GUID& type) {
     return record;
 }
 
-// The published sizes are the 32-bit layout's; a 64-bit build's follow from
-// pointer-sized fields, as its generated declarations have them.
-constexpr ULONG layout_size(std::size_t declared, ULONG published) {
-    return sizeof(void*) == 4 ? published : static_cast<ULONG>(declared);
-}
+// The published sizes, the 32-bit layout's and the 64-bit one's (the same
+// 4-byte packing with pointer-sized fields).
+constexpr ULONG layout_size(ULONG win32, ULONG win64) { return sizeof(void*) == 4 ? win32 : win64; }
 
 TEST(RecordInfo, EveryRecordHasItsSizeAndInitsToZeroes) {
     const struct { const GUID* type; ULONG size; } records[] = {
-        {&GUID_IPDataRecord, layout_size(sizeof(IPDataRecord), 256)},
-        {&GUID_Veltrax_point_transform, layout_size(sizeof(Veltrax_point_transform), 124)},
-        {&GUID_datum_transform, layout_size(sizeof(datum_transform), 316)},
-        {&GUID_Coordinate_System, layout_size(sizeof(Coordinate_System), 308)},
-        {&GUID_OPENFILENAME, layout_size(sizeof(OPENFILENAME), 76)},
-        {&GUID_CHOOSECOLOR, layout_size(sizeof(CHOOSECOLOR), 36)},
-        {&GUID_BrowseInfo, layout_size(sizeof(BrowseInfo), 32)},
-        {&GUID_Veltrax_posting_file, layout_size(sizeof(Veltrax_posting_file), 6124)},
-        {&GUID_Veltrax_posting_field, layout_size(sizeof(Veltrax_posting_field), 176)},
-        {&GUID_Veltrax_posting_source, layout_size(sizeof(Veltrax_posting_source), 29796)},
-        {&GUID_Veltrax_facet_file, layout_size(sizeof(Veltrax_facet_file), 52)},
+        {&GUID_IPDataRecord, layout_size(256, 280)},          {&GUID_Veltrax_point_transform, layout_size(124, 124)},
+        {&GUID_datum_transform, layout_size(316, 320)},       {&GUID_Coordinate_System, layout_size(308, 312)},
+        {&GUID_OPENFILENAME, layout_size(76, 124)},           {&GUID_CHOOSECOLOR, layout_size(36, 60)},
+        {&GUID_BrowseInfo, layout_size(32, 56)},              {&GUID_Veltrax_posting_file, layout_size(6124, 7304)},
+        {&GUID_Veltrax_posting_field, layout_size(176, 220)}, {&GUID_Veltrax_posting_source, layout_size(29796, 36700)},
+        {&GUID_Veltrax_facet_file, layout_size(52, 60)},
     };
     for (const auto& r : records) {
         com_ptr<IRecordInfo> info = record_info(*r.type);

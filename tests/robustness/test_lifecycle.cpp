@@ -56,10 +56,17 @@ bool use_anchor(IUnknown* object, long) {
 }
 
 bool use_complex(IUnknown* object, long) {
-    com_ptr<_CComplexNumber> z = as<_CComplexNumber>(object, IID__CComplexNumber), same, product, quotient;
-    double real = 1, imaginary = 2;
-    z->Init(&real, &imaginary, same.put());
-    real = 3, imaginary = 4;
+    com_ptr<_CComplexNumber> z = as<_CComplexNumber>(object, IID__CComplexNumber), product, quotient;
+    // Init late-bound, given a script's Variant variables holding text: converted and written back.
+    unique_variant real_text, imaginary_text, same;
+    V_VT(real_text.get()) = V_VT(imaginary_text.get()) = VT_BSTR;
+    V_BSTR(real_text.get()) = SysAllocString(L"1"), V_BSTR(imaginary_text.get()) = SysAllocString(L"2");
+    VARIANT arguments[2] = {};  // last to first
+    V_VT(&arguments[0]) = V_VT(&arguments[1]) = VT_BYREF | VT_VARIANT;
+    V_VARIANTREF(&arguments[0]) = imaginary_text.get(), V_VARIANTREF(&arguments[1]) = real_text.get();
+    DISPPARAMS params = {arguments, nullptr, 2, 0};
+    z->Invoke(0x60030000, IID_NULL, 0, DISPATCH_METHOD, &params, same.get(), nullptr, nullptr);
+    double real = 3, imaginary = 4;
     z->Multiply2(&real, &imaginary, product.put());
     unique_bstr text;
     if (!product || product->Text(text.put()) != S_OK || text_of(text.get()) != L"-5+10i") return false;
