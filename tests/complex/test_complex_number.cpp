@@ -1,6 +1,5 @@
-// CComplexNumber: identities of the results, the worked values, the
-// failures and what they leave behind, the text form, and the caller's x87
-// environment.
+// CComplexNumber: the worked values, the failures and what they leave
+// behind, the text form, and the caller's x87 environment.
 #include "complex/complex_number.h"
 #include "frame/module.h"
 #include "support/component.h"
@@ -91,23 +90,6 @@ outcome apply(_CComplexNumber* z, operation o, value operand, _CComplexNumber* o
     out.retval_untouched = raw == untouched && magnitude == -12345;
     EXPECT_TRUE(same(c, operand.real) && same(d, operand.imaginary)) << "the arguments were written";
     return out;
-}
-
-TEST(ComplexNumber, InitAndAddReturnTheObjectItselfAndComplexANewOne) {
-    number z = make({1, 2}), operand = make({3, 4});
-    _CComplexNumber *raw = nullptr, *other = operand.get();
-    double c = 5, d = 6;
-    ASSERT_EQ(S_OK, z->Init(&c, &d, &raw));
-    EXPECT_EQ(z.get(), raw) << "Init";
-    EXPECT_EQ(3u, z->AddRef()) << "Init added one reference";
-    z->Release(), raw->Release();
-    ASSERT_EQ(S_OK, z->Add(&other, &raw));
-    EXPECT_EQ(z.get(), raw) << "Add";
-    raw->Release();
-    ASSERT_EQ(S_OK, z->Complex(&c, &d, &raw));
-    number made = number::attach(raw);
-    EXPECT_TRUE(z.get() != raw && holds(raw, {5, 6})) << "Complex";
-    EXPECT_TRUE(holds(z.get(), {8, 10})) << "Init, then Add; Complex left it alone";
 }
 
 TEST(ComplexNumber, WorkedValues) {

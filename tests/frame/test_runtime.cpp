@@ -63,23 +63,6 @@ TEST(RuntimeText, NumbersAsText) {
     EXPECT_EQ(vx::format_number(305419896, L"0,000,000,000", german), L"0.305.419.896");
 }
 
-TEST(RuntimeText, TrimInstrAndTheirRefusals) {
-    EXPECT_EQ(vx::trim(L"  a b  "), L"a b");
-    EXPECT_EQ(vx::trim(L"\ta\t"), L"\ta\t");
-    EXPECT_EQ(vx::mid(L"abcdef", 5, 10), L"ef");
-    struct search { const wchar_t* text; const wchar_t* sought; long start; long expected; };
-    const search searches[] = {{L"abcabc", L"c", 4, 6}, {L"abc", L"d", 1, 0}, {L"abc", L"", 4, 4}, {L"abc", L"", 5, 0}};
-    for (const search& r : searches)
-        EXPECT_EQ(vx::instr(r.text, r.sought, r.start), r.expected)
-            << "InStr(" << r.start << ", \"" << r.text << "\", \"" << r.sought << "\")";
-    const std::function<void()> refused[] = {[] { vx::instr(L"abc", L"a", 0, L"S"); },
-                                             [] { vx::mid(L"abc", 1, -1, L"S"); }};
-    for (const auto& r : refused) {
-        const vx::automation_error error = raised_by(r);
-        EXPECT_TRUE(error.number == 5 && error.source == L"S") << error.number;
-    }
-}
-
 std::vector<float> draws(int count) {
     std::vector<float> values;
     for (int i = 0; i < count; ++i) values.push_back(vx::random_number());

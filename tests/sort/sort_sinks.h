@@ -41,7 +41,6 @@ public:
     ~recording_sink() { EXPECT_EQ(0, references_) << "the sorter kept a reference to a sink"; }
 
     event_list* log = nullptr;  // where events are written, if anywhere
-    std::string name;           // prefix for the log lines
     // Runs before the sink's own handling; a failure is returned as is.
     std::function<HRESULT(DISPID, LONG, LONG, SHORT*, EXCEPINFO*)> before;
     long events = 0;
@@ -73,7 +72,7 @@ public:
         EXPECT_TRUE(first.vt == VT_I4 && second.vt == VT_I4 && (id == 2 || params->rgvarg[0].vt == (VT_BYREF | VT_I2)));
         SHORT* answer = id == 1 ? params->rgvarg[0].piVal : nullptr;
         if (log)
-            log->push_back(name + (id == 1 ? "isLess(" : "SwapItems(") + std::to_string(first.lVal) + "," +
+            log->push_back((id == 1 ? "isLess(" : "SwapItems(") + std::to_string(first.lVal) + "," +
                            std::to_string(second.lVal) + ")");
         const HRESULT hr = before ? before(id, first.lVal, second.lVal, answer, exception) : S_OK;
         if (hr != S_OK || !store_) return hr;

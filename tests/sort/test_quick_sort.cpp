@@ -1,10 +1,9 @@
 // clsQuickSort: the exact events of a sort, the order it leaves, how deep it
-// may nest, the overflow of its index arithmetic, failing handlers, runtime.
+// may nest, failing handlers, runtime.
 #include "frame/runtime.h"
 #include "sort/sort_sinks.h"
 
 #include <numeric>
-#include <climits>
 #include <functional>
 #include <optional>
 
@@ -107,29 +106,6 @@ TEST(QuickSortEvents, PresortedAndEqualRangesCostTheQuadraticCountWithoutSwapsAn
         EXPECT_TRUE(code == 0 && run.hr == S_OK) << run.n << ": the thread did not end normally";
         EXPECT_EQ(run.n * (run.n + 1LL) / 2 + run.n - 4, run.comparisons) << run.n << (run.all_equal ? " equal" : "");
         EXPECT_EQ(0, run.swaps) << run.n;
-    }
-}
-
-TEST(QuickSortErrors, IndexArithmeticOverflowsWithError6) {
-    struct case_ { const char* name; LONG last, first; item_store store; event_list events; };  // events before it
-    static const case_ cases[] = {
-        {"width one past the largest Long", LONG_MAX - 1, -2, {1, {}}, {}},
-        {"width one past, from 0", LONG_MAX, -1, {1, {}}, {}},
-        {"pivot at the smallest Long: p - 1", LONG_MIN + 2, LONG_MIN, {LONG_MIN, {1, 2, 3}},
-         {"isLess(-2147483648,-2147483646)", "isLess(-2147483648,-2147483647)", "isLess(-2147483648,-2147483648)",
-          "isLess(-2147483648,-2147483648)"}},
-        {"pivot at the largest Long: p + 1 after the lower part", LONG_MAX, LONG_MAX - 2, {LONG_MAX - 2, {3, 1, 2}},
-         {"isLess(2147483645,2147483647)", "SwapItems(2147483645,2147483647)", "isLess(2147483645,2147483647)",
-          "isLess(2147483646,2147483647)", "isLess(2147483647,2147483647)", "isLess(2147483645,2147483646)",
-          "SwapItems(2147483645,2147483646)"}},
-    };
-    for (const case_& c : cases) {
-        const sort_outcome got = run_sort(c.store, c.last, c.first);
-        EXPECT_EQ(automation_error_number(6), got.hr) << c.name;
-        EXPECT_EQ(L"clsQuickSort.Sort", got.error.source) << c.name;
-        EXPECT_EQ(L"Overflow", got.error.description) << c.name;
-        EXPECT_EQ(c.events, got.events) << c.name;
-        EXPECT_EQ(77, got.runtime) << c.name << ": a failed sort keeps the old runtime";
     }
 }
 
