@@ -78,42 +78,50 @@ import struct
 import sys
 import uuid
 
-# The platforms a library is written for: SYSKIND and pointer size.
-PLATFORMS = {'win32': ('SYS_WIN32', 4), 'win64': ('SYS_WIN64', 8)}
+# Automation base types as C++ declares them, the same on every platform.
+CPP_BASE_TYPES = {
+    'Byte': 'BYTE', 'Integer': 'SHORT', 'Long': 'LONG', 'LongPtr': 'LONG_PTR', 'Single': 'FLOAT',
+    'Double': 'DOUBLE', 'Currency': 'CY', 'Date': 'DATE', 'String': 'BSTR', 'Boolean': 'VARIANT_BOOL',
+    'Variant': 'VARIANT', 'Object': 'IDispatch*', 'Unknown': 'IUnknown*',
+}
 
 
-def base_types(pointer):
-    """Automation base types: VARTYPE, C++ type, size, alignment. LongPtr
-    holds a handle or an address: Long on win32, LongLong on win64."""
-    return {
-        'Byte': ('VT_UI1', 'BYTE', 1, 1),
-        'Integer': ('VT_I2', 'SHORT', 2, 2),
-        'Long': ('VT_I4', 'LONG', 4, 4),
-        'LongPtr': ('VT_I4' if pointer == 4 else 'VT_I8', 'LONG_PTR', pointer, pointer),
-        'Single': ('VT_R4', 'FLOAT', 4, 4),
-        'Double': ('VT_R8', 'DOUBLE', 8, 8),
-        'Currency': ('VT_CY', 'CY', 8, 8),
-        'Date': ('VT_DATE', 'DATE', 8, 8),
-        'String': ('VT_BSTR', 'BSTR', pointer, pointer),
-        'Boolean': ('VT_BOOL', 'VARIANT_BOOL', 2, 2),
-        'Variant': ('VT_VARIANT', 'VARIANT', 8 + 2 * pointer, 8),
-        'Object': ('VT_DISPATCH', 'IDispatch*', pointer, pointer),
-        'Unknown': ('VT_UNKNOWN', 'IUnknown*', pointer, pointer),
-    }
+class Platform:
+    """What a library is written for: its SYSKIND, and the pointer size that
+    sets the size of strings, objects and LongPtr."""
+
+    def __init__(self, name, syskind, pointer):
+        self.name, self.syskind, self.pointer_size = name, syskind, pointer
+        # VARTYPE, size, alignment. LongPtr holds a handle or an address:
+        # Long on win32, LongLong on win64.
+        self.base_types = {
+            'Byte': ('VT_UI1', 1, 1),
+            'Integer': ('VT_I2', 2, 2),
+            'Long': ('VT_I4', 4, 4),
+            'LongPtr': ('VT_I4' if pointer == 4 else 'VT_I8', pointer, pointer),
+            'Single': ('VT_R4', 4, 4),
+            'Double': ('VT_R8', 8, 8),
+            'Currency': ('VT_CY', 8, 8),
+            'Date': ('VT_DATE', 8, 8),
+            'String': ('VT_BSTR', pointer, pointer),
+            'Boolean': ('VT_BOOL', 2, 2),
+            'Variant': ('VT_VARIANT', 8 + 2 * pointer, 8),
+            'Object': ('VT_DISPATCH', pointer, pointer),
+            'Unknown': ('VT_UNKNOWN', pointer, pointer),
+        }
+
+    def vartype(self, base):
+        return self.base_types[base][0]
+
+    def size_align(self, base):
+        return self.base_types[base][1:]
+
+    def checks_annotated_layout(self):
+        """Annotated offsets and sizes are the 32-bit layout's."""
+        return self.pointer_size == 4
 
 
-# Set by use_platform; win32 unless told otherwise.
-PLATFORM = 'win32'
-POINTER_SIZE = 4
-BASE_TYPES = base_types(POINTER_SIZE)
-
-
-def use_platform(name):
-    global PLATFORM, POINTER_SIZE, BASE_TYPES
-    if name not in PLATFORMS:
-        raise DescriptionError('unknown platform %s' % name)
-    PLATFORM, POINTER_SIZE = name, PLATFORMS[name][1]
-    BASE_TYPES = base_types(POINTER_SIZE)
+PLATFORMS = {'win32': Platform('win32', 'SYS_WIN32', 4), 'win64': Platform('win64', 'SYS_WIN64', 8)}
 
 
 PACKING = 4
@@ -142,7 +150,8 @@ def fail(where, message):
 # ---------------------------------------------------------------- the model
 
 class Library:
-    def __init__(self):
+    def __init__(self, platform):
+        self.platform = platform
         self.name = None
         self.guid = None
         self.version = None
@@ -298,77 +307,99 @@ def parse_dims(text, where):
     return dims
 
 
+class Block:
+    """The block a description has open: its kind and what its lines fill."""
+
+    def __init__(self, kind, obj):
+        self.kind, self.obj = kind, obj
+        self.enum = None  # in an import: the imported enum that takes constants
+
+
 def parse_file(lib, path):
     with open(path, encoding='utf-8') as f:
         lines = f.readlines()
-    block = None          # (kind, object)
-    current_enum = None   # imported enum that takes constants
-    for number_, raw in enumerate(lines, 1):
-        where = Where(path, number_)
+    block = None
+    for line_number, raw in enumerate(lines, 1):
+        where = Where(path, line_number)
         line = strip_comment(raw)
         if not line:
             continue
-        words = line.split()
-        if block is not None and line == 'end':
-            block = None
-            current_enum = None
-            continue
         if block is None:
-            parse_header(lib, line, words, where, path)
-            block = lib._opened
-            continue
-        kind, obj = block
-        if kind == 'import':
-            m = re.match(r'^(interface|enum)\s+' + NAME_RE + r'\s+' + GUID_RE + '$', line)
-            if m:
-                t = ImportedType(obj, m.group(1), m.group(2), m.group(3).upper())
-                obj.types[t.name] = t
-                current_enum = t if t.kind == 'enum' else None
-                continue
-            m = re.match('^' + NAME_RE + r'\s*=\s*' + NUMBER_RE + '$', line)
-            if m and current_enum is not None:
-                current_enum.constants.append((m.group(1), number(m.group(2))))
-                continue
-            fail(where, 'expected `interface NAME {IID}` or `enum NAME {GUID}` in an import')
-        elif kind == 'order':
-            lib.order.extend(words)
-        elif kind in ('interface', 'events'):
-            m = MEMBER_RE.match(line)
-            if not m:
-                fail(where, 'bad member line')
-            mkind, name, params, result, dispid, help_text = m.groups()
-            params = [parse_param(p, where) for p in split_params(params, where)]
-            if mkind in ('let', 'set'):
-                if not params:
-                    fail(where, '%s %s takes its value as the last parameter' % (mkind, name))
-                if result:
-                    fail(where, 'a property put has no result')
-            if mkind == 'get' and not result:
-                fail(where, 'a property get needs a result')
-            obj.members.append(Member(mkind, name, params, result, number(dispid), help_text, where))
-        elif kind == 'coclass':
-            m = re.match(r'^(default|source)\s+' + NAME_RE + '$', line)
-            if not m:
-                fail(where, 'expected `default INTERFACE` or `source EVENTS`')
-            if getattr(obj, m.group(1)) is not None:
-                fail(where, 'a second %s interface' % m.group(1))
-            setattr(obj, m.group(1), m.group(2))
-        elif kind == 'record':
-            m = FIELD_RE.match(line)
-            if not m:
-                fail(where, 'bad field line')
-            name, bounds, type_name, offset = m.groups()
-            safearray = bounds is not None and bounds.strip() == ''
-            dims = parse_dims(bounds, where) if bounds is not None else None
-            obj.fields.append(Field(name, type_name, dims, safearray,
-                                    int(offset) if offset else None, where))
-        elif kind == 'enum':
-            m = re.match('^' + NAME_RE + r'\s*=\s*' + NUMBER_RE + '$', line)
-            if not m:
-                fail(where, 'expected `NAME = VALUE`')
-            obj.constants.append((m.group(1), number(m.group(2))))
+            block = parse_header(lib, line, where)
+        elif line == 'end':
+            block = None
+        else:
+            parse_block_line(lib, block, line, where)
     if block is not None:
         fail(Where(path, len(lines)), 'block not closed by `end`')
+
+
+def parse_block_line(lib, block, line, where):
+    obj = block.obj
+    if block.kind == 'import':
+        parse_import_line(block, line, where)
+    elif block.kind == 'order':
+        lib.order.extend(line.split())
+    elif block.kind in ('interface', 'events'):
+        obj.members.append(parse_member(line, where))
+    elif block.kind == 'coclass':
+        parse_coclass_line(obj, line, where)
+    elif block.kind == 'record':
+        obj.fields.append(parse_field(line, where))
+    elif block.kind == 'enum':
+        m = re.match('^' + NAME_RE + r'\s*=\s*' + NUMBER_RE + '$', line)
+        if not m:
+            fail(where, 'expected `NAME = VALUE`')
+        obj.constants.append((m.group(1), number(m.group(2))))
+
+
+def parse_import_line(block, line, where):
+    m = re.match(r'^(interface|enum)\s+' + NAME_RE + r'\s+' + GUID_RE + '$', line)
+    if m:
+        t = ImportedType(block.obj, m.group(1), m.group(2), m.group(3).upper())
+        block.obj.types[t.name] = t
+        block.enum = t if t.kind == 'enum' else None
+        return
+    m = re.match('^' + NAME_RE + r'\s*=\s*' + NUMBER_RE + '$', line)
+    if m and block.enum is not None:
+        block.enum.constants.append((m.group(1), number(m.group(2))))
+        return
+    fail(where, 'expected `interface NAME {IID}` or `enum NAME {GUID}` in an import')
+
+
+def parse_member(line, where):
+    m = MEMBER_RE.match(line)
+    if not m:
+        fail(where, 'bad member line')
+    kind, name, params, result, dispid, help_text = m.groups()
+    params = [parse_param(p, where) for p in split_params(params, where)]
+    if kind in ('let', 'set'):
+        if not params:
+            fail(where, '%s %s takes its value as the last parameter' % (kind, name))
+        if result:
+            fail(where, 'a property put has no result')
+    if kind == 'get' and not result:
+        fail(where, 'a property get needs a result')
+    return Member(kind, name, params, result, number(dispid), help_text, where)
+
+
+def parse_coclass_line(coclass, line, where):
+    m = re.match(r'^(default|source)\s+' + NAME_RE + '$', line)
+    if not m:
+        fail(where, 'expected `default INTERFACE` or `source EVENTS`')
+    if getattr(coclass, m.group(1)) is not None:
+        fail(where, 'a second %s interface' % m.group(1))
+    setattr(coclass, m.group(1), m.group(2))
+
+
+def parse_field(line, where):
+    m = FIELD_RE.match(line)
+    if not m:
+        fail(where, 'bad field line')
+    name, bounds, type_name, offset = m.groups()
+    safearray = bounds is not None and bounds.strip() == ''
+    dims = parse_dims(bounds, where) if bounds is not None else None
+    return Field(name, type_name, dims, safearray, int(offset) if offset else None, where)
 
 
 def add_type(lib, t):
@@ -377,52 +408,70 @@ def add_type(lib, t):
     lib.types[t.name] = t
 
 
-def parse_header(lib, line, words, where, path):
-    lib._opened = None
-    head = words[0]
+def parse_header(lib, line, where):
+    """Reads the first line of a block, or a line that stands alone; the
+    block it opens, if any."""
+    head = line.split()[0]
     if head == 'library':
-        m = re.match(r'^library\s+' + NAME_RE + r'\s+' + GUID_RE + r'\s+' + VERSION_RE +
-                     r'\s+lcid\s+' + NUMBER_RE + r'\s+names_lcid\s+' + NUMBER_RE + '$', line)
-        if not m:
-            fail(where, 'bad library line')
-        if lib.name:
-            fail(where, 'a second library line')
-        lib.name, lib.guid = m.group(1), m.group(2).upper()
-        lib.version = (int(m.group(3)), int(m.group(4)))
-        lib.lcid, lib.names_lcid = number(m.group(5)), number(m.group(6))
-        return
+        parse_library_line(lib, line, where)
+        return None
     if head == 'import':
-        m = re.match(r'^import\s+' + NAME_RE + r'\s+' + GUID_RE + r'\s+' + VERSION_RE +
-                     r'\s+lcid\s+' + NUMBER_RE + r'\s+file\s+(\S+)(\s+standin)?$', line)
-        if not m:
-            fail(where, 'bad import line')
-        imp = Import(m.group(1), m.group(2).upper(), (int(m.group(3)), int(m.group(4))),
-                     number(m.group(5)), m.group(6), where)
-        imp.standin = m.group(7) is not None
+        imp = parse_import_header(line, where)
         lib.imports.append(imp)
-        lib._opened = ('import', imp)
-        return
+        return Block('import', imp)
     if line == 'order':
-        lib._opened = ('order', None)
-        return
+        return Block('order', None)
     if head == 'alias':
-        m = re.match(r'^alias\s+' + NAME_RE + r'\s*=\s*' + NAME_RE + r'\s+' + GUID_RE + r'\s+' +
-                     VERSION_RE + r'\s+flags\s+' + NUMBER_RE + '$', line)
-        if not m:
-            fail(where, 'bad alias line')
-        t = TypeDef('alias', m.group(1), m.group(3).upper(), (int(m.group(4)), int(m.group(5))),
-                    number(m.group(6)), where)
-        t.target = m.group(2)
-        add_type(lib, t)
-        return
+        add_type(lib, parse_alias_line(line, where))
+        return None
+    t = parse_type_header(head, line, where)
+    add_type(lib, t)
+    return Block(head, t)
+
+
+def parse_library_line(lib, line, where):
+    m = re.match(r'^library\s+' + NAME_RE + r'\s+' + GUID_RE + r'\s+' + VERSION_RE +
+                 r'\s+lcid\s+' + NUMBER_RE + r'\s+names_lcid\s+' + NUMBER_RE + '$', line)
+    if not m:
+        fail(where, 'bad library line')
+    if lib.name:
+        fail(where, 'a second library line')
+    lib.name, lib.guid = m.group(1), m.group(2).upper()
+    lib.version = (int(m.group(3)), int(m.group(4)))
+    lib.lcid, lib.names_lcid = number(m.group(5)), number(m.group(6))
+
+
+def parse_import_header(line, where):
+    m = re.match(r'^import\s+' + NAME_RE + r'\s+' + GUID_RE + r'\s+' + VERSION_RE +
+                 r'\s+lcid\s+' + NUMBER_RE + r'\s+file\s+(\S+)(\s+standin)?$', line)
+    if not m:
+        fail(where, 'bad import line')
+    imp = Import(m.group(1), m.group(2).upper(), (int(m.group(3)), int(m.group(4))),
+                 number(m.group(5)), m.group(6), where)
+    imp.standin = m.group(7) is not None
+    return imp
+
+
+def parse_alias_line(line, where):
+    m = re.match(r'^alias\s+' + NAME_RE + r'\s*=\s*' + NAME_RE + r'\s+' + GUID_RE + r'\s+' +
+                 VERSION_RE + r'\s+flags\s+' + NUMBER_RE + '$', line)
+    if not m:
+        fail(where, 'bad alias line')
+    t = TypeDef('alias', m.group(1), m.group(3).upper(), (int(m.group(4)), int(m.group(5))),
+                number(m.group(6)), where)
+    t.target = m.group(2)
+    return t
+
+
+def parse_type_header(head, line, where):
     if head in ('interface', 'events', 'coclass'):
         m = re.match('^' + head + r'\s+' + NAME_RE + r'\s+' + GUID_RE + r'\s+' + VERSION_RE +
                      r'\s+flags\s+' + NUMBER_RE + '$', line)
         if not m:
             fail(where, 'bad %s line' % head)
-        t = TypeDef(head, m.group(1), m.group(2).upper(), (int(m.group(3)), int(m.group(4))),
-                    number(m.group(5)), where)
-    elif head in ('record', 'enum'):
+        return TypeDef(head, m.group(1), m.group(2).upper(), (int(m.group(3)), int(m.group(4))),
+                       number(m.group(5)), where)
+    if head in ('record', 'enum'):
         m = re.match('^' + head + r'\s+' + NAME_RE + r'\s+' + GUID_RE + r'\s+' + VERSION_RE +
                      r'(?:\s+size\s+(\d+))?$', line)
         if not m or (head == 'enum' and m.group(5)):
@@ -430,10 +479,8 @@ def parse_header(lib, line, words, where, path):
         t = TypeDef(head, m.group(1), m.group(2).upper(), (int(m.group(3)), int(m.group(4))),
                     0, where)
         t.declared_size = int(m.group(5)) if m.group(5) else None
-    else:
-        fail(where, 'unknown line %r' % line)
-    add_type(lib, t)
-    lib._opened = (head, t)
+        return t
+    fail(where, 'unknown line %r' % line)
 
 
 # ------------------------------------------------------------- type meaning
@@ -462,7 +509,7 @@ def lookup(lib, name, where):
 
 def resolve(lib, name, where):
     """The type a name stands for as a parameter, result or field."""
-    if name in BASE_TYPES:
+    if name in lib.platform.base_types:
         return ('base', name)
     t = lookup(lib, name, where)
     if isinstance(t, TypeDef) and t.kind == 'coclass':
@@ -478,13 +525,13 @@ def resolve(lib, name, where):
     return ('user', t)
 
 
-def vartype_of(node):
+def vartype_of(node, platform):
     """The VARTYPE a value of this type travels as in a VARIANT."""
     kind = node[0]
     if kind == 'base':
-        return BASE_TYPES[node[1]][0]
+        return platform.vartype(node[1])
     if kind == 'safearray':
-        return 'VT_ARRAY | ' + vartype_of(node[1])
+        return 'VT_ARRAY | ' + vartype_of(node[1], platform)
     if kind == 'ptr' and node[1][0] == 'user':
         t = node[1][1]
         return 'VT_DISPATCH' if t.kind in ('interface', 'events', 'alias') else 'VT_UNKNOWN'
@@ -497,15 +544,16 @@ def vartype_of(node):
     raise DescriptionError('no VARTYPE for %r' % (node,))
 
 
-def size_align(lib, node):
+def size_align(lib, node, laying_out):
+    """Size and alignment of a value held inline; laying_out names the
+    records whose layout is being worked out, outermost first."""
     kind = node[0]
     if kind == 'base':
-        _, _, size, align = BASE_TYPES[node[1]]
-        return size, align
+        return lib.platform.size_align(node[1])
     if kind in ('ptr', 'safearray'):
-        return POINTER_SIZE, POINTER_SIZE
+        return lib.platform.pointer_size, lib.platform.pointer_size
     if kind == 'carray':
-        size, align = size_align(lib, node[1])
+        size, align = size_align(lib, node[1], laying_out)
         count = 1
         for lower, upper in node[2]:
             count *= upper - lower + 1
@@ -514,32 +562,32 @@ def size_align(lib, node):
     if isinstance(t, ImportedType) or t.kind == 'enum':
         return 4, 4
     if t.kind == 'record':
-        layout(lib, t)
+        layout(lib, t, laying_out)
         return t.size, t.alignment
     raise DescriptionError('%s cannot be held inline' % t.name)
 
 
-def layout(lib, record):
+def layout(lib, record, laying_out=()):
     if record.size is not None:
         return
-    if getattr(record, '_laying_out', False):
+    if record.name in laying_out:
         fail(record.where, 'record %s contains itself' % record.name)
-    record._laying_out = True
+    laying_out += (record.name,)
+    checked = lib.platform.checks_annotated_layout()
     offset, alignment = 0, 1
     for field in record.fields:
-        size, align = size_align(lib, field.node)
+        size, align = size_align(lib, field.node, laying_out)
         align = min(align, PACKING)
         alignment = max(alignment, align)
         offset = (offset + align - 1) // align * align
         field.offset = offset
-        # Annotated offsets and sizes are the 32-bit layout's.
-        if PLATFORM == 'win32' and field.declared_offset is not None and field.declared_offset != offset:
+        if checked and field.declared_offset is not None and field.declared_offset != offset:
             fail(field.where, 'field %s lands at offset %d, not %d' %
                  (field.name, offset, field.declared_offset))
         offset += size
     record.alignment = alignment
     record.size = (offset + alignment - 1) // alignment * alignment
-    if PLATFORM == 'win32' and record.declared_size is not None and record.declared_size != record.size:
+    if checked and record.declared_size is not None and record.declared_size != record.size:
         fail(record.where, 'record %s is %d bytes, not %d' % (record.name, record.size,
                                                                record.declared_size))
 
@@ -547,6 +595,32 @@ def layout(lib, record):
 def check(lib):
     if not lib.name:
         raise DescriptionError('no library line')
+    place_types(lib)
+    guids = {}
+    for t in lib.ordered:
+        if t.guid in guids:
+            fail(t.where, '%s has the GUID of %s' % (t.name, guids[t.guid]))
+        guids[t.guid] = t.name
+    for t in lib.ordered:
+        if t.kind in ('interface', 'events'):
+            check_members(lib, t)
+        elif t.kind == 'coclass':
+            check_coclass(lib, t)
+        elif t.kind == 'alias':
+            if t.target not in lib.types:
+                fail(t.where, 'alias of an undescribed type %s' % t.target)
+        elif t.kind == 'record':
+            resolve_fields(lib, t)
+    for t in lib.ordered:
+        if t.kind == 'record':
+            layout(lib, t)
+    for imp in lib.imports:
+        if not imp.standin and any(it.constants for it in imp.types.values()):
+            fail(imp.where, 'constants are written only into a stand-in library')
+
+
+def place_types(lib):
+    """The types in index order, each with its index."""
     seen = set()
     for name in lib.order:
         if name in seen:
@@ -558,69 +632,62 @@ def check(lib):
     lib.ordered = [lib.types[n] for n in lib.order if n in lib.types]
     for index, t in enumerate(lib.ordered):
         t.index = index
-    guids = {}
-    for t in lib.ordered:
-        if t.guid in guids:
-            fail(t.where, '%s has the GUID of %s' % (t.name, guids[t.guid]))
-        guids[t.guid] = t.name
-
-    for t in lib.ordered:
-        if t.kind in ('interface', 'events'):
-            names = set()
-            for m in t.members:
-                key = (m.name, m.kind)
-                if key in names:
-                    fail(m.where, '%s %s is described twice' % (m.kind, m.name))
-                names.add(key)
-                if t.kind == 'events' and m.kind != 'method':
-                    fail(m.where, 'an event is a method')
-                m.result_node = resolve(lib, m.result, m.where) if m.result else None
-                seen_optional = False
-                for i, p in enumerate(m.params):
-                    p.node = resolve(lib, p.type_name, p.where)
-                    is_value = m.kind in ('let', 'set') and i == len(m.params) - 1
-                    if p.optional:
-                        if is_value:
-                            fail(p.where, 'the value of a put cannot be Optional')
-                        if p.default is None and p.node != ('base', 'Variant'):
-                            fail(p.where, 'Optional %s without a default must be a Variant' % p.name)
-                        seen_optional = True
-                    elif seen_optional and not is_value:
-                        fail(p.where, '%s follows an Optional parameter' % p.name)
-        elif t.kind == 'coclass':
-            for role, kind in (('default', 'interface'), ('source', 'events')):
-                name = getattr(t, role)
-                if name is not None and (name not in lib.types or lib.types[name].kind != kind):
-                    fail(t.where, '%s of %s must be a described %s' % (role, t.name, kind))
-            if not t.default:
-                fail(t.where, 'coclass %s has no default interface' % t.name)
-        elif t.kind == 'alias':
-            if t.target not in lib.types:
-                fail(t.where, 'alias of an undescribed type %s' % t.target)
-        elif t.kind == 'record':
-            names = set()
-            for f in t.fields:
-                if f.name in names:
-                    fail(f.where, 'field %s is described twice' % f.name)
-                names.add(f.name)
-                node = resolve(lib, f.type_name, f.where)
-                if node[0] == 'ptr' and node[1][1].kind in ('interface', 'events'):
-                    pass
-                if f.safearray:
-                    node = ('safearray', node)
-                elif f.dims:
-                    node = ('carray', node, f.dims)
-                f.node = node
-    for t in lib.ordered:
-        if t.kind == 'record':
-            layout(lib, t)
-    for imp in lib.imports:
-        if not imp.standin and any(it.constants for it in imp.types.values()):
-            fail(imp.where, 'constants are written only into a stand-in library')
 
 
-def parse(paths):
-    lib = Library()
+def check_members(lib, t):
+    names = set()
+    for m in t.members:
+        key = (m.name, m.kind)
+        if key in names:
+            fail(m.where, '%s %s is described twice' % (m.kind, m.name))
+        names.add(key)
+        if t.kind == 'events' and m.kind != 'method':
+            fail(m.where, 'an event is a method')
+        m.result_node = resolve(lib, m.result, m.where) if m.result else None
+        for p in m.params:
+            p.node = resolve(lib, p.type_name, p.where)
+        check_optional_params(m)
+
+
+def check_optional_params(m):
+    seen_optional = False
+    for i, p in enumerate(m.params):
+        is_value = m.kind in ('let', 'set') and i == len(m.params) - 1
+        if p.optional:
+            if is_value:
+                fail(p.where, 'the value of a put cannot be Optional')
+            if p.default is None and p.node != ('base', 'Variant'):
+                fail(p.where, 'Optional %s without a default must be a Variant' % p.name)
+            seen_optional = True
+        elif seen_optional and not is_value:
+            fail(p.where, '%s follows an Optional parameter' % p.name)
+
+
+def check_coclass(lib, t):
+    for role, kind in (('default', 'interface'), ('source', 'events')):
+        name = getattr(t, role)
+        if name is not None and (name not in lib.types or lib.types[name].kind != kind):
+            fail(t.where, '%s of %s must be a described %s' % (role, t.name, kind))
+    if not t.default:
+        fail(t.where, 'coclass %s has no default interface' % t.name)
+
+
+def resolve_fields(lib, t):
+    names = set()
+    for f in t.fields:
+        if f.name in names:
+            fail(f.where, 'field %s is described twice' % f.name)
+        names.add(f.name)
+        node = resolve(lib, f.type_name, f.where)
+        if f.safearray:
+            node = ('safearray', node)
+        elif f.dims:
+            node = ('carray', node, f.dims)
+        f.node = node
+
+
+def parse(paths, platform):
+    lib = Library(platform)
     for path in paths:
         parse_file(lib, path)
     check(lib)
@@ -664,16 +731,13 @@ def cpp_string(text):
 def cpp_type(node):
     kind = node[0]
     if kind == 'base':
-        return BASE_TYPES[node[1]][1]
+        return CPP_BASE_TYPES[node[1]]
     if kind == 'ptr':
         return cpp_type(node[1]) + '*'
     if kind == 'safearray':
         return 'SAFEARRAY*'
     if kind == 'user':
-        t = node[1]
-        if isinstance(t, ImportedType):
-            return t.name
-        return t.name
+        return node[1].name
     raise DescriptionError('no C++ type for %r' % (node,))
 
 
@@ -699,11 +763,11 @@ def cpp_field(field):
     return '%s %s;' % (cpp_type(node), field.name)
 
 
-def default_init(value, node):
+def default_init(value, node, platform):
     """A member_default for the C++ member table."""
     if value is None:
         return '{VT_EMPTY, 0, 0.0, nullptr}'
-    vt = default_vartype(value, node)
+    vt = default_vartype(value, node, platform)
     if vt == 'VT_BOOL':
         return '{VT_BOOL, %s, 0.0, nullptr}' % ('VARIANT_TRUE' if value else 'VARIANT_FALSE')
     if vt == 'VT_BSTR':
@@ -713,12 +777,12 @@ def default_init(value, node):
     return '{%s, %d, 0.0, nullptr}' % (vt, value)
 
 
-def default_vartype(value, node):
+def default_vartype(value, node, platform):
     if isinstance(value, bool):
         return 'VT_BOOL'
     if isinstance(value, str):
         return 'VT_BSTR'
-    vt = vartype_of(node)
+    vt = vartype_of(node, platform)
     if vt in ('VT_R4', 'VT_R8', 'VT_DATE', 'VT_I2', 'VT_UI1', 'VT_I4', 'VT_CY'):
         return vt if vt != 'VT_CY' else 'VT_I4'
     if vt == 'VT_VARIANT':
@@ -783,6 +847,17 @@ def emit_header(lib):
     w('')
     w('#include "frame/member_table.h"')
     w('')
+    emit_guids(w, lib)
+    emit_enums(w, lib)
+    emit_records(w, lib)
+    emit_interfaces(w, lib)
+    for t in lib.ordered:
+        if t.kind in ('interface', 'events'):
+            emit_member_table(w, lib, t)
+    return '\n'.join(out) + '\n'
+
+
+def emit_guids(w, lib):
     u = lib.name
     w('inline constexpr GUID LIBID_%s%s;' % (u, guid_init(lib.guid)))
     w('inline constexpr WORD %s_VERSION_MAJOR = %d;' % (u, lib.version[0]))
@@ -795,62 +870,72 @@ def emit_header(lib):
         w('inline constexpr GUID %s%s%s;' % (prefix[t.kind], t.name, guid_init(t.guid)))
     w('')
 
-    def declare_enum(name, constants):
-        w('#pragma push_macro("%s")' % name)
-        w('#undef %s' % name)
-        w('enum %s : LONG {' % name)
-        for cname, value in constants:
-            w('    %s = %d,' % (cname, value))
-        w('};')
-        w('#pragma pop_macro("%s")' % name)
 
+def emit_enum(w, name, constants):
+    # A Win32 header may define the name as a macro.
+    w('#pragma push_macro("%s")' % name)
+    w('#undef %s' % name)
+    w('enum %s : LONG {' % name)
+    for cname, value in constants:
+        w('    %s = %d,' % (cname, value))
+    w('};')
+    w('#pragma pop_macro("%s")' % name)
+
+
+def emit_enums(w, lib):
     for imp in lib.imports:
         for it in imp.types.values():
             if it.kind == 'enum':
                 w('// From %s.' % imp.name)
-                declare_enum(it.name, it.constants)
+                emit_enum(w, it.name, it.constants)
                 w('')
     for t in lib.ordered:
         if t.kind == 'enum':
-            declare_enum(t.name, t.constants)
+            emit_enum(w, t.name, t.constants)
             w('')
-    # Records in dependency order: a nested record first.
-    done = set()
 
-    def declare_record(t):
-        if t.name in done:
-            return
-        for f in t.fields:
-            n = f.node
-            while n[0] in ('carray', 'safearray'):
-                n = n[1]
-            if n[0] == 'user' and isinstance(n[1], TypeDef) and n[1].kind == 'record':
-                declare_record(n[1])
-        done.add(t.name)
-        w('#pragma push_macro("%s")' % t.name)
-        w('#undef %s' % t.name)
-        w('#pragma pack(push, %d)' % PACKING)
-        w('struct %s {' % t.name)
-        for f in t.fields:
-            w('    %s' % cpp_field(f))
-        w('};')
-        w('#pragma pack(pop)')
-        w('static_assert(sizeof(%s) == %d, "%s");' % (t.name, t.size, t.name))
-        for f in t.fields:
-            w('static_assert(offsetof(%s, %s) == %d, "%s.%s");' % (t.name, f.name, f.offset,
-                                                                    t.name, f.name))
-        w('#pragma pop_macro("%s")' % t.name)
-        w('')
 
+def emit_records(w, lib):
     # Records keep their published names inside the library's namespace:
     # OPENFILENAME and CHOOSECOLOR are also names of the Win32 headers.
     w('namespace %s {' % lib.name)
     w('')
+    done = set()
     for t in lib.ordered:
         if t.kind == 'record':
-            declare_record(t)
+            emit_record(w, t, done)
     w('}  // namespace %s' % lib.name)
     w('')
+
+
+def emit_record(w, t, done):
+    """The record after the records it holds, which come first."""
+    if t.name in done:
+        return
+    for f in t.fields:
+        n = f.node
+        while n[0] in ('carray', 'safearray'):
+            n = n[1]
+        if n[0] == 'user' and isinstance(n[1], TypeDef) and n[1].kind == 'record':
+            emit_record(w, n[1], done)
+    done.add(t.name)
+    w('#pragma push_macro("%s")' % t.name)
+    w('#undef %s' % t.name)
+    w('#pragma pack(push, %d)' % PACKING)
+    w('struct %s {' % t.name)
+    for f in t.fields:
+        w('    %s' % cpp_field(f))
+    w('};')
+    w('#pragma pack(pop)')
+    w('static_assert(sizeof(%s) == %d, "%s");' % (t.name, t.size, t.name))
+    for f in t.fields:
+        w('static_assert(offsetof(%s, %s) == %d, "%s.%s");' % (t.name, f.name, f.offset,
+                                                                t.name, f.name))
+    w('#pragma pop_macro("%s")' % t.name)
+    w('')
+
+
+def emit_interfaces(w, lib):
     for t in lib.ordered:
         if t.kind in ('interface', 'events'):
             w('struct %s;' % t.name)
@@ -871,43 +956,44 @@ def emit_header(lib):
         if t.kind == 'alias':
             w('typedef %s %s;' % (t.target, t.name))
     w('')
-    for t in lib.ordered:
-        if t.kind not in ('interface', 'events'):
-            continue
-        table = 'members_of_%s' % t.name
-        for i, m in enumerate(t.members):
-            if m.params:
-                w('inline constexpr vx::member_param %s_%d[] = {' % (table, i))
-                for p in m.params:
-                    w('    {%s, %s, %s, %s, %s, %s},' % (
-                        cpp_string(p.name), vartype_of(p.node), 'true' if p.by_ref else 'false',
-                        'true' if p.optional else 'false', default_init(p.default, p.node),
-                        interface_id_of(p.node)))
-                w('};')
-        w('inline constexpr vx::member_entry %s[] = {' % table)
-        for i, m in enumerate(t.members):
-            slot = IDISPATCH_SLOTS + i if t.kind == 'interface' else 0
-            w('    {%s, %s, %s, %d, %s, %s, %d},' % (
-                cpp_string(m.name), '%d' % m.dispid if -1000 < m.dispid < 1000 else
-                'static_cast<DISPID>(0x%08X)' % (m.dispid & 0xFFFFFFFF),
-                INVOKE_KINDS[m.kind], slot,
-                vartype_of(m.result_node) if m.result_node else 'VT_EMPTY',
-                '%s_%d' % (table, i) if m.params else 'nullptr', len(m.params)))
-        if not t.members:
-            w('    {nullptr, 0, INVOKE_FUNC, 0, VT_EMPTY, nullptr, 0},')
-        w('};')
-        call = 'nullptr'
-        if t.kind == 'interface':
-            call = 'call_%s' % t.name
-            emit_call_thunk(w, t, call)
-        w('inline constexpr vx::interface_members interface_members_of_%s{&%s%s, %s, %d, %s};' % (
-            t.name, 'IID_' if t.kind == 'interface' else 'DIID_', t.name,
-            table if t.members else 'nullptr', len(t.members), call))
-        if t.kind == 'interface':
-            w('inline const vx::interface_members& members_of(%s*) { return interface_members_of_%s; }' % (
-                t.name, t.name))
-        w('')
-    return '\n'.join(line for line in out) + '\n'
+
+
+def emit_member_table(w, lib, t):
+    """What the dispatcher knows of an interface: its members and their
+    parameters, and for a dual interface the thunk that calls them."""
+    table = 'members_of_%s' % t.name
+    for i, m in enumerate(t.members):
+        if m.params:
+            w('inline constexpr vx::member_param %s_%d[] = {' % (table, i))
+            for p in m.params:
+                w('    {%s, %s, %s, %s, %s, %s},' % (
+                    cpp_string(p.name), vartype_of(p.node, lib.platform), 'true' if p.by_ref else 'false',
+                    'true' if p.optional else 'false', default_init(p.default, p.node, lib.platform),
+                    interface_id_of(p.node)))
+            w('};')
+    w('inline constexpr vx::member_entry %s[] = {' % table)
+    for i, m in enumerate(t.members):
+        slot = IDISPATCH_SLOTS + i if t.kind == 'interface' else 0
+        w('    {%s, %s, %s, %d, %s, %s, %d},' % (
+            cpp_string(m.name), '%d' % m.dispid if -1000 < m.dispid < 1000 else
+            'static_cast<DISPID>(0x%08X)' % (m.dispid & 0xFFFFFFFF),
+            INVOKE_KINDS[m.kind], slot,
+            vartype_of(m.result_node, lib.platform) if m.result_node else 'VT_EMPTY',
+            '%s_%d' % (table, i) if m.params else 'nullptr', len(m.params)))
+    if not t.members:
+        w('    {nullptr, 0, INVOKE_FUNC, 0, VT_EMPTY, nullptr, 0},')
+    w('};')
+    call = 'nullptr'
+    if t.kind == 'interface':
+        call = 'call_%s' % t.name
+        emit_call_thunk(w, t, call)
+    w('inline constexpr vx::interface_members interface_members_of_%s{&%s%s, %s, %d, %s};' % (
+        t.name, 'IID_' if t.kind == 'interface' else 'DIID_', t.name,
+        table if t.members else 'nullptr', len(t.members), call))
+    if t.kind == 'interface':
+        w('inline const vx::interface_members& members_of(%s*) { return interface_members_of_%s; }' % (
+            t.name, t.name))
+    w('')
 
 
 # ------------------------------------------------------ writer data rendering
@@ -937,7 +1023,7 @@ class NodeTable:
             return self.memo[key]
         kind = node[0]
         if kind == 'base':
-            row = (BASE_TYPES[node[1]][0], -1, -1, 0, -1)
+            row = (self.lib.platform.vartype(node[1]), -1, -1, 0, -1)
         elif kind in ('ptr', 'safearray'):
             row = ('VT_PTR' if kind == 'ptr' else 'VT_SAFEARRAY', self.add(node[1]), -1, 0, -1)
         elif kind == 'carray':
@@ -961,109 +1047,136 @@ class NodeTable:
         return node
 
 
-def emit_model(w, lib, prefix, types, imports):
-    """One library as writer data: arrays named PREFIX_*."""
-    nodes = NodeTable(lib)
-    funcs, params, vars_, impls = [], [], [], []
-    entries = []
-    hresult = void = None
-    for t in types:
-        entry = {'first_func': len(funcs), 'first_var': len(vars_), 'first_impl': len(impls),
+class ModelRows:
+    """One library's types flattened into the writer's arrays: functions
+    and their parameters, variables (record fields, enum constants),
+    implemented interfaces, and an entry per type with its ranges in them."""
+
+    def __init__(self, lib):
+        self.lib = lib
+        self.nodes = NodeTable(lib)
+        self.funcs, self.params, self.vars, self.impls = [], [], [], []
+        self.entries = []        # (TypeDef, entry)
+
+    def add(self, t):
+        entry = {'first_func': len(self.funcs), 'first_var': len(self.vars), 'first_impl': len(self.impls),
                  'alias': -1, 'size': -1, 'alignment': 4}
         if t.kind in ('interface', 'events'):
             for i, m in enumerate(t.members):
-                first = len(params)
-                count = len(m.params) + (1 if m.result_node is not None else 0)
-                optional = 0
-                for j, p in enumerate(m.params):
-                    node = ('ptr', p.node) if p.by_ref else p.node
-                    flags = ['PARAMFLAG_FIN']
-                    if p.by_ref:
-                        flags.append('PARAMFLAG_FOUT')
-                    if p.optional:
-                        flags.append('PARAMFLAG_FOPT')
-                        if p.default is not None:
-                            flags.append('PARAMFLAG_FHASDEFAULT')
-                        else:
-                            optional += 1
-                    is_value = m.kind in ('let', 'set') and j == len(m.params) - 1
-                    params.append((None if is_value else p.name, nodes.add(node), ' | '.join(flags),
-                                   p.default, p.node))
-                if m.result_node is not None:
-                    params.append((None, nodes.add(('ptr', m.result_node)),
-                                   'PARAMFLAG_FOUT | PARAMFLAG_FRETVAL', None, None))
-                funcs.append((m, first, count, optional,
-                              IDISPATCH_SLOTS + i if t.kind == 'interface' else -1))
+                self.add_member(m, IDISPATCH_SLOTS + i if t.kind == 'interface' else -1)
         elif t.kind == 'coclass':
-            impls.append((nodes.ref(lib.types[t.default]), 'IMPLTYPEFLAG_FDEFAULT'))
+            self.impls.append((self.nodes.ref(self.lib.types[t.default]), 'IMPLTYPEFLAG_FDEFAULT'))
             if t.source:
-                impls.append((nodes.ref(lib.types[t.source]),
-                              'IMPLTYPEFLAG_FDEFAULT | IMPLTYPEFLAG_FSOURCE'))
+                self.impls.append((self.nodes.ref(self.lib.types[t.source]),
+                                   'IMPLTYPEFLAG_FDEFAULT | IMPLTYPEFLAG_FSOURCE'))
         elif t.kind == 'alias':
-            entry['alias'] = nodes.add(('user', lib.types[t.target]))
+            entry['alias'] = self.nodes.add(('user', self.lib.types[t.target]))
         elif t.kind == 'record':
             for i, f in enumerate(t.fields):
-                vars_.append((f.name, 0x40000000 + i, nodes.add(f.node), f.offset, f.name))
+                self.vars.append((f.name, 0x40000000 + i, self.nodes.add(f.node), f.offset, f.name))
             entry['size'] = t.size
             entry['alignment'] = t.alignment
         elif t.kind == 'enum':
             for i, (name, value) in enumerate(t.constants):
-                vars_.append((name, 0x40000000 + i, nodes.add(('base', 'Long')), value, None))
+                self.vars.append((name, 0x40000000 + i, self.nodes.add(('base', 'Long')), value, None))
             entry['size'] = 4
-        entry['funcs'] = len(funcs) - entry['first_func']
-        entry['vars'] = len(vars_) - entry['first_var']
-        entry['impls'] = len(impls) - entry['first_impl']
-        entries.append((t, entry))
+        entry['funcs'] = len(self.funcs) - entry['first_func']
+        entry['vars'] = len(self.vars) - entry['first_var']
+        entry['impls'] = len(self.impls) - entry['first_impl']
+        self.entries.append((t, entry))
 
-    kinds = {'interface': 'dual_interface', 'events': 'dispinterface', 'coclass': 'coclass',
-             'alias': 'alias', 'record': 'record', 'enum': 'enumeration'}
+    def add_member(self, m, slot):
+        first = len(self.params)
+        count = len(m.params) + (1 if m.result_node is not None else 0)
+        optional = 0
+        for j, p in enumerate(m.params):
+            node = ('ptr', p.node) if p.by_ref else p.node
+            flags = ['PARAMFLAG_FIN']
+            if p.by_ref:
+                flags.append('PARAMFLAG_FOUT')
+            if p.optional:
+                flags.append('PARAMFLAG_FOPT')
+                if p.default is not None:
+                    flags.append('PARAMFLAG_FHASDEFAULT')
+                else:
+                    optional += 1
+            is_value = m.kind in ('let', 'set') and j == len(m.params) - 1
+            self.params.append((None if is_value else p.name, self.nodes.add(node), ' | '.join(flags),
+                                p.default, p.node))
+        if m.result_node is not None:
+            self.params.append((None, self.nodes.add(('ptr', m.result_node)),
+                                'PARAMFLAG_FOUT | PARAMFLAG_FRETVAL', None, None))
+        self.funcs.append((m, first, count, optional, slot))
 
-    def array(name, type_name, rows):
-        if not rows:
+
+TYPE_KINDS = {'interface': 'dual_interface', 'events': 'dispinterface', 'coclass': 'coclass',
+              'alias': 'alias', 'record': 'record', 'enum': 'enumeration'}
+
+
+def emit_model(w, lib, prefix, types, imports):
+    """One library as writer data: arrays named PREFIX_*."""
+    rows = ModelRows(lib)
+    for t in types:
+        rows.add(t)
+
+    def array(name, type_name, items):
+        if not items:
             w('inline constexpr const %s* const %s_%s = nullptr;' % (type_name, prefix, name))
             return
         w('inline constexpr %s %s_%s[] = {' % (type_name, prefix, name))
-        for row in rows:
-            w('    %s,' % row)
+        for item in items:
+            w('    %s,' % item)
         w('};')
 
+    nodes = rows.nodes
     array('nodes', 'type_node', ['{%s, %d, %d, %d, %d}' % r for r in nodes.rows])
     array('bounds', 'array_bound', ['{%d, %d}' % b for b in nodes.bounds])
     array('references', 'type_reference',
           ['{%d, %d, %s}' % (local, imp, guid_init(guid)) for local, imp, guid in nodes.refs])
-
-    def default_row(value, node):
-        if value is None:
-            return '{VT_EMPTY, 0, 0.0, nullptr}'
-        vt = default_vartype(value, node)
-        if vt == 'VT_BOOL':
-            return '{VT_BOOL, %d, 0.0, nullptr}' % (-1 if value else 0)
-        if vt == 'VT_BSTR':
-            return '{VT_BSTR, 0, 0.0, %s}' % cpp_string(value)
-        if vt in ('VT_R4', 'VT_R8', 'VT_DATE'):
-            return '{%s, 0, %r, nullptr}' % (vt, float(value))
-        return '{%s, %d, 0.0, nullptr}' % (vt, value)
-
     array('params', 'param_entry', ['{%s, %d, %s, %s}' % (cpp_string(name), node, flags,
-                                                          default_row(default, vnode))
-                                    for name, node, flags, default, vnode in params])
+                                                          default_row(default, vnode, lib.platform))
+                                    for name, node, flags, default, vnode in rows.params])
     array('funcs', 'func_entry', ['{%s, static_cast<MEMBERID>(0x%08X), %s, %d, %d, %d, %d, %s}' % (
         cpp_string(m.name), m.dispid & 0xFFFFFFFF, INVOKE_KINDS[m.kind], first, count, optional,
-        slot, cpp_string(m.help)) for m, first, count, optional, slot in funcs])
+        slot, cpp_string(m.help)) for m, first, count, optional, slot in rows.funcs])
     array('vars', 'var_entry', ['{%s, 0x%08X, %d, %d, %s}' % (cpp_string(name), memid, node,
                                                               value, cpp_string(doc))
-                                for name, memid, node, value, doc in vars_])
-    array('impls', 'impl_entry', ['{%d, %s}' % i for i in impls])
+                                for name, memid, node, value, doc in rows.vars])
+    array('impls', 'impl_entry', ['{%d, %s}' % i for i in rows.impls])
     w('inline constexpr type_entry %s_types[] = {' % prefix)
-    for t, e in entries:
+    for t, e in rows.entries:
         w('    {type_kind::%s, %s, %s, %d, %d, 0x%04X, %d, %d, %d, %d, %d, %d, %d, %d, %d},' % (
-            kinds[t.kind], cpp_string(t.name), guid_init(t.guid), t.version[0], t.version[1],
+            TYPE_KINDS[t.kind], cpp_string(t.name), guid_init(t.guid), t.version[0], t.version[1],
             t.flags, e['first_func'], e['funcs'], e['first_var'], e['vars'], e['first_impl'],
             e['impls'], e['alias'], e['size'], e['alignment']))
     w('};')
     array('imports', 'import_entry', ['{%s, %s, %d, %d, 0x%X, %s, %s}' % (
         cpp_string(i.name), guid_init(i.guid), i.version[0], i.version[1], i.lcid,
         'true' if i.standin else 'false', cpp_string(i.file)) for i in imports])
+
+
+def default_row(value, node, platform):
+    """A parameter's default as the writer's default_value."""
+    if value is None:
+        return '{VT_EMPTY, 0, 0.0, nullptr}'
+    vt = default_vartype(value, node, platform)
+    if vt == 'VT_BOOL':
+        return '{VT_BOOL, %d, 0.0, nullptr}' % (-1 if value else 0)
+    if vt == 'VT_BSTR':
+        return '{VT_BSTR, 0, 0.0, %s}' % cpp_string(value)
+    if vt in ('VT_R4', 'VT_R8', 'VT_DATE'):
+        return '{%s, 0, %r, nullptr}' % (vt, float(value))
+    return '{%s, %d, 0.0, nullptr}' % (vt, value)
+
+
+def emit_description(w, prefix, lib, names_lcid, type_count, import_count):
+    """The library_entry that ties a library's arrays together."""
+    w('inline constexpr library_entry %s_description{' % prefix)
+    w('    %s, %s, %d, %d, 0x%X, 0x%X, %s,' % (cpp_string(lib.name), guid_init(lib.guid),
+                                              lib.version[0], lib.version[1], lib.lcid, names_lcid,
+                                              lib.platform.syskind))
+    w('    {0}_types, {1}, {0}_funcs, {0}_params, {0}_vars, {0}_impls,'.format(prefix, type_count))
+    w('    {0}_nodes, {0}_bounds, {0}_references, {0}_imports, {1}}};'.format(prefix, import_count))
 
 
 def emit_tables(lib):
@@ -1073,39 +1186,30 @@ def emit_tables(lib):
     w('// The library as data for typelib_writer: what to write and what to find.')
     w('')
     emit_model(w, lib, 'library', lib.ordered, lib.imports)
-    w('inline constexpr library_entry library_description{')
-    w('    %s, %s, %d, %d, 0x%X, 0x%X, %s,' % (cpp_string(lib.name), guid_init(lib.guid),
-                                              lib.version[0], lib.version[1], lib.lcid, lib.names_lcid,
-                                              PLATFORMS[PLATFORM][0]))
-    w('    library_types, %d, library_funcs, library_params, library_vars, library_impls,'
-      % len(lib.ordered))
-    w('    library_nodes, library_bounds, library_references, library_imports, %d};'
-      % len(lib.imports))
+    emit_description(w, 'library', lib, lib.names_lcid, len(lib.ordered), len(lib.imports))
     w('')
     standins = [i for i in lib.imports if i.standin]
     if len(standins) > 1:
         raise DescriptionError('only one stand-in library is supported')
     for imp in standins:
-        # The stand-in as a library of its own, holding the imported enums.
-        sub = Library()
-        sub.name, sub.guid, sub.version, sub.lcid = imp.name, imp.guid, imp.version, imp.lcid
-        types = []
-        for it in imp.types.values():
-            if it.kind != 'enum':
-                raise DescriptionError('%s: a stand-in holds enums only' % imp.where)
-            t = TypeDef('enum', it.name, it.guid, (0, 0), 0, imp.where)
-            t.constants = it.constants
-            t.index = len(types)
-            types.append(t)
-        emit_model(w, sub, 'standin', types, [])
-        w('inline constexpr library_entry standin_description{')
-        w('    %s, %s, %d, %d, 0x%X, 0x%X, %s,' % (cpp_string(imp.name), guid_init(imp.guid),
-                                                  imp.version[0], imp.version[1], imp.lcid,
-                                                  imp.lcid, PLATFORMS[PLATFORM][0]))
-        w('    standin_types, %d, standin_funcs, standin_params, standin_vars, standin_impls,'
-          % len(types))
-        w('    standin_nodes, standin_bounds, standin_references, standin_imports, 0};')
+        emit_standin(w, lib, imp)
     return '\n'.join(out) + '\n'
+
+
+def emit_standin(w, lib, imp):
+    """The stand-in as a library of its own, holding the imported enums."""
+    sub = Library(lib.platform)
+    sub.name, sub.guid, sub.version, sub.lcid = imp.name, imp.guid, imp.version, imp.lcid
+    types = []
+    for it in imp.types.values():
+        if it.kind != 'enum':
+            raise DescriptionError('%s: a stand-in holds enums only' % imp.where)
+        t = TypeDef('enum', it.name, it.guid, (0, 0), 0, imp.where)
+        t.constants = it.constants
+        t.index = len(types)
+        types.append(t)
+    emit_model(w, sub, 'standin', types, [])
+    emit_description(w, 'standin', sub, imp.lcid, len(types), 0)
 
 
 # ------------------------------------------------------------ IID resources
@@ -1159,8 +1263,9 @@ def main(argv):
         return 2
     out_dir = argv[1]
     try:
-        use_platform(platform)
-        lib = parse(argv[2:])
+        if platform not in PLATFORMS:
+            raise DescriptionError('unknown platform %s' % platform)
+        lib = parse(argv[2:], PLATFORMS[platform])
         os.makedirs(out_dir, exist_ok=True)
         header = emit_header(lib)
         tables = emit_tables(lib)
