@@ -7,7 +7,7 @@
 #include "frame/class_table.h"
 #include "frame/handles.h"
 #include "imaging/resample.h"
-#include "imaging/resample_reference.h"
+#include "imaging/resample_formula.h"
 #include "vxTypes32_types.h"
 
 #include <windows.h>
@@ -102,7 +102,7 @@ int main(int argc, char** argv) {
         const double warm_copy =
             best_of(rounds, [&] { std::memcpy(destination.data(), copy_source.data(), bytes); });
         const double reference = best_of(2, [&] {
-            vx::test::resample_reference({source_bits, c.source_width, c.source_height, source_stride},
+            vx::resample_reference({source_bits, c.source_width, c.source_height, source_stride},
                                          destination.data(), c.width, c.height, stride);
         });
         const double megapixels = static_cast<double>(c.width) * c.height / 1e6;

@@ -29,6 +29,8 @@ double seconds_since(clock_type::time_point start) {
     return std::chrono::duration<double>(clock_type::now() - start).count();
 }
 
+namespace sort_event = ::dispid::__clsQuickSort;
+
 // One event as the sink heard it.
 struct traced_event {
     DISPID id;
@@ -55,7 +57,7 @@ public:
                                      UINT*) override {
         const LONG first = p->rgvarg[p->cArgs - 1].lVal, second = p->rgvarg[p->cArgs - 2].lVal;
         if (trace) trace->push_back({id, first, second});
-        if (id == 1) {
+        if (id == sort_event::isLess) {
             const int a = items[first - 1], b = items[second - 1];
             *p->rgvarg[0].piVal = static_cast<SHORT>((a > b) - (a < b));
         } else {
@@ -92,12 +94,12 @@ __attribute__((noipa)) double bare_events_seconds(
     long answers = 0;
     const auto start = clock_type::now();
     for (const traced_event& event : events) {
-        if (event.id == 2) {
+        if (event.id == sort_event::SwapItems) {
             swap[1].vt = swap[0].vt = VT_I4;
             swap[1].lVal = event.first;
             swap[0].lVal = event.second;
-            target->Invoke(2, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD, &swap_params, nullptr, &exception,
-                           &argument_error);
+            target->Invoke(sort_event::SwapItems, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD, &swap_params, nullptr,
+                           &exception, &argument_error);
         } else {
             answer = 0;
             is_less[0].vt = VT_BYREF | VT_I2;
@@ -105,8 +107,8 @@ __attribute__((noipa)) double bare_events_seconds(
             is_less[2].vt = is_less[1].vt = VT_I4;
             is_less[2].lVal = event.first;
             is_less[1].lVal = event.second;
-            target->Invoke(1, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD, &is_less_params, nullptr, &exception,
-                           &argument_error);
+            target->Invoke(sort_event::isLess, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD, &is_less_params,
+                           nullptr, &exception, &argument_error);
             answers += answer;
         }
     }

@@ -42,8 +42,6 @@ private:
     double imaginary_ = 0;
 };
 
-HRESULT create_complex_number(const class_entry& entry, REFIID iid, void** object);
-
 // Seam for tests: the locale whose Double-to-text conversion Text uses,
 // LOCALE_USER_DEFAULT unless a test replaces it, so that a test can try
 // another decimal separator without changing the user's settings, which

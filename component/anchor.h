@@ -11,6 +11,4 @@ public:
     using automation_object::automation_object;
 };
 
-HRESULT create_anchor(const class_entry& entry, REFIID iid, void** object);
-
 }  // namespace vx

@@ -10,6 +10,7 @@
 #include "frame/handles.h"
 #include "frame/module.h"
 #include "frame/type_library.h"
+#include "library_identity.h"
 
 #include <ocidl.h>
 
@@ -50,7 +51,7 @@ public:
         if (!info) return E_POINTER;
         *info = nullptr;
         if (index != 0) return DISP_E_BADINDEX;
-        return com_boundary(L"vxTypes32", [&] { *info = interface_type_info().detach(); });
+        return com_boundary(identity::library_name, [&] { *info = interface_type_info().detach(); });
     }
     HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID iid, LPOLESTR* names, UINT count, LCID,
                                             DISPID* ids) override {
@@ -73,7 +74,8 @@ public:
     HRESULT STDMETHODCALLTYPE GetClassInfo(ITypeInfo** info) override {
         if (!info) return E_POINTER;
         *info = nullptr;
-        return com_boundary(L"vxTypes32", [&] { *info = type_library::type_info_of(*entry_.clsid).detach(); });
+        return com_boundary(identity::library_name,
+                            [&] { *info = type_library::type_info_of(*entry_.clsid).detach(); });
     }
     HRESULT STDMETHODCALLTYPE GetGUID(DWORD kind, GUID* guid) override {
         if (!guid) return E_POINTER;

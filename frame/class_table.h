@@ -15,7 +15,7 @@ struct class_entry;
 using create_function = HRESULT (*)(const class_entry& entry, REFIID iid, void** object);
 
 struct class_entry {
-    const wchar_t* name;   // class name; the ProgID is "vxTypes32." + name
+    const wchar_t* name;   // class name, the last part of the ProgID
     const CLSID* clsid;
     // Every IID the default interface answers to: the current one first,
     // then an earlier identity that stays in force, if any.
@@ -29,7 +29,7 @@ struct class_entry {
 };
 
 // The rows, in a fixed order. The frame only declares them: they are
-// defined where the classes are put together (component/class_table.cpp).
+// generated from the .types descriptions, a row for each coclass.
 const class_entry* class_table_begin();
 const class_entry* class_table_end();
 

@@ -4,6 +4,7 @@
 #include "frame/handles.h"
 #include "frame/module.h"
 #include "frame/type_library.h"
+#include "library_identity.h"
 
 #include <olectl.h>
 
@@ -120,7 +121,7 @@ std::wstring guid_text(REFGUID guid) {
     return text;
 }
 
-std::wstring prog_id(const class_entry& entry) { return std::wstring(L"vxTypes32.") + entry.name; }
+std::wstring prog_id(const class_entry& entry) { return std::wstring(identity::prog_id_prefix) + entry.name; }
 
 std::vector<marshalled_interface> marshalled_interfaces(ITypeLib* library) {
     std::vector<marshalled_interface> found;

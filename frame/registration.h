@@ -16,7 +16,7 @@ namespace vx {
 
 enum class registration_scope { machine, user };
 
-// "vxTypes32.<class name>".
+// The library's ProgID prefix, a dot and the class name.
 std::wstring prog_id(const class_entry& entry);
 
 // What every class is registered with.

@@ -14,6 +14,7 @@
 #pragma once
 
 #include "frame/handles.h"
+#include "library_identity.h"
 
 #include <windows.h>
 #include <oleauto.h>
@@ -24,7 +25,7 @@
 
 namespace vx {
 
-inline constexpr wchar_t runtime_error_source[] = L"vxTypes32";
+inline constexpr const wchar_t* runtime_error_source = identity::library_name;
 
 // The error number that a client of the runtime sees for a failed HRESULT:
 // 0x800A0000 + n as n, DISP_E_OVERFLOW as 6, DISP_E_TYPEMISMATCH as 13,
@@ -158,7 +159,7 @@ void reseed_random(double seed);
 // ---- Message box ---------------------------------------------------------------
 
 // MsgBox text: modal to the thread's active window, OK button only, no icon,
-// caption "vxTypes32"; returns when the user dismisses it.
+// the library's name as caption; returns when the user dismisses it.
 void message_box(const std::wstring& text);
 
 // Seam for tests: replaces the box; null restores the real one. Returns the

@@ -2,6 +2,7 @@
 
 #include "frame/automation_error.h"
 #include "frame/module.h"
+#include "library_identity.h"
 
 namespace vx::type_library {
 
@@ -18,14 +19,14 @@ com_ptr<ITypeLib> get() {
     }
     com_ptr<ITypeLib> library = com_ptr<ITypeLib>::copy(cached);
     ReleaseSRWLockExclusive(&cache_lock);
-    if (!library) raise_error(TYPE_E_CANTLOADLIBRARY, L"vxTypes32", L"The type library cannot be loaded.");
+    if (!library) raise_error(TYPE_E_CANTLOADLIBRARY, identity::library_name, L"The type library cannot be loaded.");
     return library;
 }
 
 com_ptr<ITypeInfo> type_info_of(REFGUID guid) {
     com_ptr<ITypeInfo> info;
     const HRESULT hr = get()->GetTypeInfoOfGuid(guid, info.put());
-    if (FAILED(hr)) raise_error(hr, L"vxTypes32", L"The type library does not describe this type.");
+    if (FAILED(hr)) raise_error(hr, identity::library_name, L"The type library does not describe this type.");
     return info;
 }
 

@@ -55,6 +55,4 @@ private:
     std::size_t bits_capacity_ = 0;
 };
 
-HRESULT create_dib_section(const class_entry& entry, REFIID iid, void** object);
-
 }  // namespace vx

@@ -47,6 +47,4 @@ private:
     std::vector<HDC> earlier_image_dcs_;
 };
 
-HRESULT create_masked_bitmap(const class_entry& entry, REFIID iid, void** object);
-
 }  // namespace vx

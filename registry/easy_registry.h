@@ -39,6 +39,4 @@ private:
     unique_hkey key_handle_;
 };
 
-HRESULT create_easy_registry(const class_entry& entry, REFIID iid, void** object);
-
 }  // namespace vx

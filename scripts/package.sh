@@ -8,7 +8,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build=${VXTYPES32_BUILD:-$root/build}
 VXTYPES32_PLATFORMS="x86 x64" VXTYPES32_TARGETS="vxTypes32 vx_manifests" "$root/scripts/build.sh"
 
-name=vxTypes32-1.00.0031
+name=vxTypes32-$(cat "$root/VERSION")
 stage=$build/package/$name
 rm -rf "$stage"
 mkdir -p "$stage/examples"

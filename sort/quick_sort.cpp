@@ -10,8 +10,6 @@ namespace vx {
 namespace {
 
 constexpr wchar_t sort_source[] = L"clsQuickSort.Sort";
-constexpr DISPID is_less_event = 1;
-constexpr DISPID swap_items_event = 2;
 constexpr long seconds_per_day = 86400;
 
 [[noreturn]] void raise_overflow() { raise_error(error_overflow, sort_source); }
@@ -24,17 +22,17 @@ constexpr long seconds_per_day = 86400;
 
 // The two events of one sort, their argument lists made once and the
 // answer variable that every isLess hands out by reference.
-class client_store {
+class sort_events {
 public:
-    explicit client_store(connection_point& events) : events_(events) {
+    explicit sort_events(connection_point& point) : point_(point) {
         // Arguments go last to first.
         is_less_arguments_[0].vt = VT_BYREF | VT_I2;
         is_less_arguments_[0].piVal = &answer_;
         is_less_parameters_ = {is_less_arguments_, nullptr, 3, 0};
         swap_parameters_ = {swap_arguments_, nullptr, 2, 0};
     }
-    client_store(const client_store&) = delete;
-    client_store& operator=(const client_store&) = delete;
+    sort_events(const sort_events&) = delete;
+    sort_events& operator=(const sort_events&) = delete;
 
     // The client's three-way comparison of the items at first and second.
     short compare(LONG first, LONG second) {
@@ -45,7 +43,7 @@ public:
         is_less_arguments_[0].piVal = &answer_;
         set_long(is_less_arguments_[1], second);
         set_long(is_less_arguments_[2], first);
-        const HRESULT hr = events_.raise(is_less_event, is_less_parameters_, exception_);
+        const HRESULT hr = point_.raise(dispid::__clsQuickSort::isLess, is_less_parameters_, exception_);
         if (FAILED(hr)) raise_event_failure(hr, exception_);
         return answer_;
     }
@@ -53,7 +51,7 @@ public:
     void swap(LONG first, LONG second) {
         set_long(swap_arguments_[0], second);
         set_long(swap_arguments_[1], first);
-        const HRESULT hr = events_.raise(swap_items_event, swap_parameters_, exception_);
+        const HRESULT hr = point_.raise(dispid::__clsQuickSort::SwapItems, swap_parameters_, exception_);
         if (FAILED(hr)) raise_event_failure(hr, exception_);
     }
 
@@ -63,7 +61,7 @@ private:
         argument.lVal = value;
     }
 
-    connection_point& events_;
+    connection_point& point_;
     short answer_ = 0;
     VARIANT is_less_arguments_[3] = {};
     VARIANT swap_arguments_[2] = {};
@@ -75,24 +73,24 @@ private:
 // Places the first item of lo..hi (hi > lo) and gives its final index as
 // pivot; false when nothing is left to sort in the range. Two items are
 // settled here with one comparison.
-bool partition_range(client_store& store, LONG lo, LONG hi, LONG& pivot) {
+bool partition_range(sort_events& events, LONG lo, LONG hi, LONG& pivot) {
     if (static_cast<long long>(hi) - lo > LONG_MAX) raise_overflow();
     if (hi - lo == 1) {
-        if (store.compare(lo, hi) > 0) store.swap(lo, hi);
+        if (events.compare(lo, hi) > 0) events.swap(lo, hi);
         return false;
     }
     LONG left = lo, right = hi, at = lo;  // the pivot is always at left here
     while (left < right) {
-        short answer = store.compare(at, right);
-        while (answer <= 0 && right > left) answer = store.compare(at, --right);
+        short answer = events.compare(at, right);
+        while (answer <= 0 && right > left) answer = events.compare(at, --right);
         if (right != at) {
-            store.swap(left, right);
+            events.swap(left, right);
             if (left == at) at = right;
         }
-        answer = store.compare(left, at);
-        while (answer < 0 && left < right) answer = store.compare(++left, at);
+        answer = events.compare(left, at);
+        while (answer < 0 && left < right) answer = events.compare(++left, at);
         if (left == at) continue;
-        store.swap(left, right);
+        events.swap(left, right);
         if (at == right) at = left;
     }
     pivot = at;
@@ -104,11 +102,11 @@ bool partition_range(client_store& store, LONG lo, LONG hi, LONG& pivot) {
 // thread's own, so depth costs heap, not stack. p + 1 is worked out when
 // an upper part's turn comes, so its overflow arrives where recursion
 // would raise it.
-void sort_range(client_store& store, std::vector<quick_sort::pending_range>& pending, LONG lo, LONG hi) {
+void sort_range(sort_events& events, std::vector<quick_sort::pending_range>& pending, LONG lo, LONG hi) {
     pending.clear();
     for (;;) {
         LONG pivot;
-        while (lo < hi && partition_range(store, lo, hi, pivot)) {
+        while (lo < hi && partition_range(events, lo, hi, pivot)) {
             if (pivot == LONG_MIN) raise_overflow();
             // An upper part of fewer than two items raises no events, unless
             // working out its start overflows.
@@ -162,10 +160,10 @@ HRESULT quick_sort::Sort(LONG lastNdx, LONG firstNdx) {
         const com_ptr<IUnknown> alive = com_ptr<IUnknown>::copy(identity());
         const connection_point::delivery delivering(events_);
         borrowed_stack pending(pending_);
-        client_store store(events_);
+        sort_events events(events_);
 
         const long start = to_long(time_of_day(), sort_source);
-        sort_range(store, pending.get(), firstNdx, lastNdx);
+        sort_range(events, pending.get(), firstNdx, lastNdx);
         long elapsed = to_long(static_cast<double>(time_of_day()) - start, sort_source);
         while (elapsed < 0) elapsed += seconds_per_day;  // the sort ran past midnight
         runtime_ = elapsed;

@@ -48,6 +48,4 @@ private:
     std::vector<pending_range> pending_;
 };
 
-HRESULT create_quick_sort(const class_entry& entry, REFIID iid, void** object);
-
 }  // namespace vx

@@ -15,6 +15,4 @@ public:
     HRESULT STDMETHODCALLTYPE get_ComputerName(VARIANT* result) override;
 };
 
-HRESULT create_user_info(const class_entry& entry, REFIID iid, void** object);
-
 }  // namespace vx

@@ -1,23 +1,34 @@
 #!/usr/bin/env python3
 """Turns the type descriptions of vxTypes32 into the build's generated files.
 
-Usage: gen_types.py [--platform win32|win64] OUTPUT_DIR LIBRARY.types [SUBSYSTEM.types ...]
+Usage: gen_types.py [--platform win32|win64] --version-file VERSION
+                    OUTPUT_DIR LIBRARY.types [SUBSYSTEM.types ...]
 
 The platform (win32 unless given) sets the library's SYSKIND and the size of
 pointers, strings, objects and LongPtr; record offsets and sizes annotated in
-the descriptions are the win32 layout's and are checked there only.
+the descriptions are the win32 layout's and are checked there only. The
+version file holds the product and file version, MAJOR.MINOR.REVISION, on
+one line.
 
 Writes into OUTPUT_DIR:
-  vxTypes32_types.h     C++ declarations: GUIDs, interfaces, records, enums
-                        and each interface's member table (frame/member_table.h)
-  typelib_tables.inc    the same facts as data for tools/typelib_writer.cpp,
+  vxTypes32_types.h     C++ declarations: GUIDs, interfaces, records, enums,
+                        each interface's member table (frame/member_table.h),
+                        the members' DISPIDs and the classes' creators
+  library_identity.h    the library's name, LIBID and version, the ProgID
+                        prefix and the product version, for the frame
+  class_table.cpp       the class table's rows, one per coclass in the order
+                        the descriptions are read
+  class_names.txt       the class names in that order, one a line
+  version.rc            the version resource
+  typelib_tables.inc    the types as data for tools/typelib_writer.cpp,
                         which writes the .tlb from them and checks it read back
   iid_resources.rc      the _IID_ and _SRCIID_ resources, one .bin per item
 
 The description format is line oriented. '#' starts a comment, blank lines
 are ignored, and every block is closed by a line `end`.
 
-  library NAME {LIBID} MAJOR.MINOR lcid N names_lcid N
+  library NAME {LIBID} MAJOR.MINOR lcid N names_lcid N progid_prefix PREFIX
+      A class's ProgID is PREFIX.CLASS.
 
   import NAME {LIBID} MAJOR.MINOR lcid N file HINT [standin]
       interface NAME {IID}
@@ -30,8 +41,8 @@ are ignored, and every block is closed by a line `end`.
       (see typelib_writer standin); the hint still names the real one.
 
   order
-      NAME NAME ...               index order; undescribed names are skipped
-  end
+      NAME NAME ...               index order of the types named; those not
+  end                             named follow in the order they are read
 
   interface NAME {IID} MAJOR.MINOR flags 0xNNNN     dual, derives from IDispatch
       MEMBER LINES
@@ -42,6 +53,9 @@ are ignored, and every block is closed by a line `end`.
   coclass NAME {CLSID} MAJOR.MINOR flags 0xNN
       default INTERFACE
       source EVENTS                                 the default source
+      earlier ALIAS                                 an alias of INTERFACE, an
+                                                    earlier IID still answered
+      creator FUNCTION                              vx::FUNCTION makes instances
   end
   alias NAME = TARGET {GUID} MAJOR.MINOR flags 0xNN
   record NAME {GUID} MAJOR.MINOR [size N]
@@ -72,6 +86,7 @@ pointer to the interface), or IMPORT.NAME (a bare imported NAME is accepted
 where it is unambiguous).
 """
 
+import argparse
 import os
 import re
 import struct
@@ -157,6 +172,8 @@ class Library:
         self.version = None
         self.lcid = 0
         self.names_lcid = 0x0409
+        self.prog_id_prefix = None
+        self.product_version = None  # ProductVersion
         self.imports = []
         self.order = []
         self.types = {}          # name -> TypeDef
@@ -186,10 +203,24 @@ class TypeDef:
         self.constants = []      # (name, value), for enum
         self.default = None      # coclass: default interface name
         self.source = None       # coclass: default source name
+        self.creator = None      # coclass: the C++ function that makes an instance
+        self.earlier = None      # coclass: the alias that is its interface's earlier IID
         self.target = None       # alias: target name
         self.declared_size = None
         self.size = None
         self.index = None
+
+
+class ProductVersion:
+    """The product and file version, written MAJOR.MINOR.REVISION such as 2.05.0017.
+    The version resource and the manifests take four numbers, the third 0."""
+
+    def __init__(self, text, where):
+        m = re.match(r'^(\d+)\.(\d+)\.(\d+)$', text)
+        if not m:
+            fail(where, 'a version is MAJOR.MINOR.REVISION, not %r' % text)
+        self.text = text
+        self.numbers = (int(m.group(1)), int(m.group(2)), 0, int(m.group(3)))
 
 
 class Member:
@@ -384,11 +415,11 @@ def parse_member(line, where):
 
 
 def parse_coclass_line(coclass, line, where):
-    m = re.match(r'^(default|source)\s+' + NAME_RE + '$', line)
+    m = re.match(r'^(default|source|earlier|creator)\s+' + NAME_RE + '$', line)
     if not m:
-        fail(where, 'expected `default INTERFACE` or `source EVENTS`')
+        fail(where, 'expected `default INTERFACE`, `source EVENTS`, `earlier ALIAS` or `creator FUNCTION`')
     if getattr(coclass, m.group(1)) is not None:
-        fail(where, 'a second %s interface' % m.group(1))
+        fail(where, 'a second %s line' % m.group(1))
     setattr(coclass, m.group(1), m.group(2))
 
 
@@ -431,7 +462,8 @@ def parse_header(lib, line, where):
 
 def parse_library_line(lib, line, where):
     m = re.match(r'^library\s+' + NAME_RE + r'\s+' + GUID_RE + r'\s+' + VERSION_RE +
-                 r'\s+lcid\s+' + NUMBER_RE + r'\s+names_lcid\s+' + NUMBER_RE + '$', line)
+                 r'\s+lcid\s+' + NUMBER_RE + r'\s+names_lcid\s+' + NUMBER_RE +
+                 r'\s+progid_prefix\s+' + NAME_RE + '$', line)
     if not m:
         fail(where, 'bad library line')
     if lib.name:
@@ -439,6 +471,7 @@ def parse_library_line(lib, line, where):
     lib.name, lib.guid = m.group(1), m.group(2).upper()
     lib.version = (int(m.group(3)), int(m.group(4)))
     lib.lcid, lib.names_lcid = number(m.group(5)), number(m.group(6))
+    lib.prog_id_prefix = m.group(7)
 
 
 def parse_import_header(line, where):
@@ -614,22 +647,24 @@ def check(lib):
     for t in lib.ordered:
         if t.kind == 'record':
             layout(lib, t)
+    check_earlier_interfaces(lib)
     for imp in lib.imports:
         if not imp.standin and any(it.constants for it in imp.types.values()):
             fail(imp.where, 'constants are written only into a stand-in library')
 
 
 def place_types(lib):
-    """The types in index order, each with its index."""
+    """The types in index order, each with its index: first those the order
+    places, then the others as their descriptions were read."""
     seen = set()
     for name in lib.order:
         if name in seen:
             raise DescriptionError('%s appears twice in the order' % name)
+        if name not in lib.types:
+            raise DescriptionError('%s is in the order but not described' % name)
         seen.add(name)
-    for t in lib.types.values():
-        if t.name not in seen:
-            fail(t.where, '%s has no place in the order' % t.name)
-    lib.ordered = [lib.types[n] for n in lib.order if n in lib.types]
+    lib.ordered = [lib.types[n] for n in lib.order]
+    lib.ordered += [t for t in lib.types.values() if t.name not in seen]
     for index, t in enumerate(lib.ordered):
         t.index = index
 
@@ -647,6 +682,10 @@ def check_members(lib, t):
         for p in m.params:
             p.node = resolve(lib, p.type_name, p.where)
         check_optional_params(m)
+    dispids = {}
+    for m in t.members:
+        if dispids.setdefault(m.name, m.dispid) != m.dispid:
+            fail(m.where, 'the get, let and set of %s share one DISPID' % m.name)
 
 
 def check_optional_params(m):
@@ -670,6 +709,28 @@ def check_coclass(lib, t):
             fail(t.where, '%s of %s must be a described %s' % (role, t.name, kind))
     if not t.default:
         fail(t.where, 'coclass %s has no default interface' % t.name)
+    if not t.creator:
+        fail(t.where, 'coclass %s names no creator' % t.name)
+    if t.earlier is not None:
+        alias = lib.types.get(t.earlier)
+        if alias is None or alias.kind != 'alias' or alias.target != t.default:
+            fail(t.where, 'earlier of %s must be an alias of %s' % (t.name, t.default))
+
+
+def check_earlier_interfaces(lib):
+    """An alias of a class's interface is an IID the class answers for, so
+    the class must say so."""
+    named = {t.earlier for t in classes(lib)}
+    defaults = {t.default for t in classes(lib)}
+    for t in lib.ordered:
+        if t.kind == 'alias' and t.target in defaults and t.name not in named:
+            fail(t.where, 'alias %s of a class\'s interface is no class\'s earlier interface' % t.name)
+
+
+def classes(lib):
+    """The coclasses in the order their descriptions were read: the class
+    table's order."""
+    return [t for t in lib.types.values() if t.kind == 'coclass']
 
 
 def resolve_fields(lib, t):
@@ -846,6 +907,7 @@ def emit_header(lib):
     w('#include <ocidl.h>')
     w('')
     w('#include "frame/member_table.h"')
+    w('#include "%s"' % IDENTITY_HEADER)
     w('')
     emit_guids(w, lib)
     emit_enums(w, lib)
@@ -854,15 +916,13 @@ def emit_header(lib):
     for t in lib.ordered:
         if t.kind in ('interface', 'events'):
             emit_member_table(w, lib, t)
+    emit_dispids(w, lib)
+    emit_creators(w, lib)
     return '\n'.join(out) + '\n'
 
 
 def emit_guids(w, lib):
-    u = lib.name
-    w('inline constexpr GUID LIBID_%s%s;' % (u, guid_init(lib.guid)))
-    w('inline constexpr WORD %s_VERSION_MAJOR = %d;' % (u, lib.version[0]))
-    w('inline constexpr WORD %s_VERSION_MINOR = %d;' % (u, lib.version[1]))
-    w('inline constexpr LCID %s_LCID = 0x%X;' % (u, lib.lcid))
+    w('inline constexpr GUID LIBID_%s = vx::identity::libid;' % lib.name)
     w('')
     prefix = {'interface': 'IID_', 'events': 'DIID_', 'coclass': 'CLSID_', 'alias': 'IID_',
               'record': 'GUID_', 'enum': 'GUID_'}
@@ -975,9 +1035,7 @@ def emit_member_table(w, lib, t):
     for i, m in enumerate(t.members):
         slot = IDISPATCH_SLOTS + i if t.kind == 'interface' else 0
         w('    {%s, %s, %s, %d, %s, %s, %d},' % (
-            cpp_string(m.name), '%d' % m.dispid if -1000 < m.dispid < 1000 else
-            'static_cast<DISPID>(0x%08X)' % (m.dispid & 0xFFFFFFFF),
-            INVOKE_KINDS[m.kind], slot,
+            cpp_string(m.name), dispid_literal(m.dispid), INVOKE_KINDS[m.kind], slot,
             vartype_of(m.result_node, lib.platform) if m.result_node else 'VT_EMPTY',
             '%s_%d' % (table, i) if m.params else 'nullptr', len(m.params)))
     if not t.members:
@@ -994,6 +1052,152 @@ def emit_member_table(w, lib, t):
         w('inline const vx::interface_members& members_of(%s*) { return interface_members_of_%s; }' % (
             t.name, t.name))
     w('')
+
+
+def dispid_literal(dispid):
+    if -1000 < dispid < 1000:
+        return '%d' % dispid
+    return 'static_cast<DISPID>(0x%08X)' % (dispid & 0xFFFFFFFF)
+
+
+def emit_dispids(w, lib):
+    w('// Each member\'s DISPID by interface and name: dispid::_clsQuickSort::Sort.')
+    w('namespace dispid {')
+    for t in lib.ordered:
+        if t.kind not in ('interface', 'events') or not t.members:
+            continue
+        w('namespace %s {' % t.name)
+        named = set()
+        for m in t.members:
+            if m.name not in named:
+                named.add(m.name)
+                w('inline constexpr DISPID %s = %s;' % (m.name, dispid_literal(m.dispid)))
+        w('}  // namespace %s' % t.name)
+    w('}  // namespace dispid')
+    w('')
+
+
+def emit_creators(w, lib):
+    w('namespace vx {')
+    w('struct class_entry;')
+    w('// Each class\'s creator, defined beside the class: a new instance that answers for iid.')
+    for t in classes(lib):
+        w('HRESULT %s(const class_entry& entry, REFIID iid, void** object);' % t.creator)
+    w('}  // namespace vx')
+
+
+# ------------------------------------------------------- identity and classes
+
+IDENTITY_HEADER = 'library_identity.h'
+
+
+def emit_identity(lib):
+    out = []
+    w = out.append
+    w('// Generated by tools/gen_types.py from the library line and the version file; do not edit.')
+    w('// Who the component is: the frame and the tools take its name, ProgIDs and')
+    w('// versions from here.')
+    w('#pragma once')
+    w('')
+    w('#include <windows.h>')
+    w('')
+    w('namespace vx::identity {')
+    w('')
+    w('// The type library\'s name; also the source of the errors the frame raises')
+    w('// itself and the caption of the message box.')
+    w('inline constexpr wchar_t library_name[] = %s;' % cpp_string(lib.name))
+    w('inline constexpr GUID libid%s;' % guid_init(lib.guid))
+    w('inline constexpr WORD library_major_version = %d;' % lib.version[0])
+    w('inline constexpr WORD library_minor_version = %d;' % lib.version[1])
+    w('inline constexpr LCID library_lcid = 0x%X;' % lib.lcid)
+    w('// A class\'s ProgID is this prefix and the class name.')
+    w('inline constexpr wchar_t prog_id_prefix[] = %s;' % cpp_string(lib.prog_id_prefix + '.'))
+    w('inline constexpr wchar_t module_file_name[] = %s;' % cpp_string(module_file_name(lib)))
+    w('// The product and file version; the manifests give it in four numbers.')
+    w('inline constexpr wchar_t version_text[] = %s;' % cpp_string(lib.product_version.text))
+    w('inline constexpr char assembly_version[] = "%s";' % '.'.join(map(str, lib.product_version.numbers)))
+    w('')
+    w('}  // namespace vx::identity')
+    return '\n'.join(out) + '\n'
+
+
+def module_file_name(lib):
+    return lib.name + '.dll'
+
+
+def emit_class_table(lib):
+    out = []
+    w = out.append
+    w('// Generated by tools/gen_types.py from the .types descriptions; do not edit.')
+    w('// The rows of the class table: every coclass, in the order its description')
+    w('// was read.')
+    w('#include "frame/class_table.h"')
+    w('#include "%s"' % TYPES_HEADER)
+    w('')
+    w('#include <iterator>')
+    w('')
+    w('namespace vx {')
+    w('')
+    w('namespace {')
+    w('')
+    w('const class_entry rows[] = {')
+    for t in classes(lib):
+        w('    {%s, &CLSID_%s, &IID_%s, %s, %s, &interface_members_of_%s, &%s},' % (
+            cpp_string(t.name), t.name, t.default, '&IID_%s' % t.earlier if t.earlier else 'nullptr',
+            '&DIID_%s' % t.source if t.source else 'nullptr', t.default, t.creator))
+    w('};')
+    w('')
+    w('}  // namespace')
+    w('')
+    w('const class_entry* class_table_begin() { return std::begin(rows); }')
+    w('const class_entry* class_table_end() { return std::end(rows); }')
+    w('')
+    w('}  // namespace vx')
+    return '\n'.join(out) + '\n'
+
+
+def emit_class_names(lib):
+    # For script clients, which create every class by its ProgID.
+    return ''.join(t.name + '\n' for t in classes(lib))
+
+
+def emit_version_resource(lib):
+    version = lib.product_version
+    numbers = ', '.join(map(str, version.numbers))
+    lines = [
+        '// Generated by tools/gen_types.py from the library line and the version file; do not edit.',
+        '#include <winver.h>',
+        '',
+        'LANGUAGE 0x09, 0x01',
+        'VS_VERSION_INFO VERSIONINFO',
+        'FILEVERSION ' + numbers,
+        'PRODUCTVERSION ' + numbers,
+        'FILEFLAGSMASK 0x0',
+        'FILEFLAGS 0x0',
+        'FILEOS VOS__WINDOWS32',
+        'FILETYPE VFT_DLL',
+        'FILESUBTYPE VFT2_UNKNOWN',
+        'BEGIN',
+        '    BLOCK "StringFileInfo"',
+        '    BEGIN',
+        '        BLOCK "040904B0"',
+        '        BEGIN',
+        '            VALUE "CompanyName", "%s developers"' % lib.name,
+        '            VALUE "ProductName", "%s"' % lib.name,
+        '            VALUE "FileVersion", "%s"' % version.text,
+        '            VALUE "ProductVersion", "%s"' % version.text,
+        '            VALUE "InternalName", "%s"' % lib.name,
+        '            VALUE "OriginalFilename", "%s"' % module_file_name(lib),
+        '            VALUE "OLESelfRegister", ""',
+        '        END',
+        '    END',
+        '    BLOCK "VarFileInfo"',
+        '    BEGIN',
+        '        VALUE "Translation", 0x0409, 1200',
+        '    END',
+        'END',
+    ]
+    return '\n'.join(lines) + '\n'
 
 
 # ------------------------------------------------------ writer data rendering
@@ -1222,8 +1426,8 @@ def emit_resources(lib, out_dir):
         if t.kind != 'coclass':
             continue
         items = []
-        earlier = [a for a in lib.ordered if a.kind == 'alias' and a.target == t.default]
-        iids = [guid_bytes(a.guid) for a in earlier] + [guid_bytes(lib.types[t.default].guid)]
+        earlier = [guid_bytes(lib.types[t.earlier].guid)] if t.earlier else []
+        iids = earlier + [guid_bytes(lib.types[t.default].guid)]
         items.append(('_IID_' + t.name.upper(), iids))
         if t.source:
             items.append(('_SRCIID_' + t.name.upper(), [guid_bytes(lib.types[t.source].guid)]))
@@ -1253,30 +1457,45 @@ def write_if_changed(path, data):
         f.write(data)
 
 
+TYPES_HEADER = 'vxTypes32_types.h'
+
+
 def main(argv):
-    platform = 'win32'
-    if len(argv) > 2 and argv[1] == '--platform':
-        platform, argv = argv[2], argv[:1] + argv[3:]
-    if len(argv) < 3:
-        sys.stderr.write('usage: gen_types.py [--platform win32|win64] OUTPUT_DIR LIBRARY.types '
-                         '[SUBSYSTEM.types ...]\n')
-        return 2
-    out_dir = argv[1]
+    arguments = argparse.ArgumentParser(prog='gen_types.py', description='Writes the generated files.')
+    arguments.add_argument('--platform', choices=sorted(PLATFORMS), default='win32')
+    arguments.add_argument('--version-file', required=True,
+                           help='the file that holds the product version, MAJOR.MINOR.REVISION')
+    arguments.add_argument('output_dir')
+    arguments.add_argument('descriptions', nargs='+', metavar='TYPES',
+                           help='the library\'s own description first, then the subsystems\'')
+    options = arguments.parse_args(argv[1:])
     try:
-        if platform not in PLATFORMS:
-            raise DescriptionError('unknown platform %s' % platform)
-        lib = parse(argv[2:], PLATFORMS[platform])
-        os.makedirs(out_dir, exist_ok=True)
-        header = emit_header(lib)
-        tables = emit_tables(lib)
-        rc = emit_resources(lib, out_dir)
+        lib = parse(options.descriptions, PLATFORMS[options.platform])
+        lib.product_version = read_version(options.version_file)
+        os.makedirs(options.output_dir, exist_ok=True)
+        files = {
+            TYPES_HEADER: emit_header(lib),
+            IDENTITY_HEADER: emit_identity(lib),
+            'class_table.cpp': emit_class_table(lib),
+            'class_names.txt': emit_class_names(lib),
+            'version.rc': emit_version_resource(lib),
+            'typelib_tables.inc': emit_tables(lib),
+            'iid_resources.rc': emit_resources(lib, options.output_dir),
+        }
     except DescriptionError as e:
         sys.stderr.write('gen_types: error: %s\n' % e)
         return 1
-    write_if_changed(os.path.join(out_dir, 'vxTypes32_types.h'), header)
-    write_if_changed(os.path.join(out_dir, 'typelib_tables.inc'), tables)
-    write_if_changed(os.path.join(out_dir, 'iid_resources.rc'), rc)
+    for name, text in files.items():
+        write_if_changed(os.path.join(options.output_dir, name), text)
     return 0
+
+
+def read_version(path):
+    with open(path, encoding='utf-8') as f:
+        lines = [line.strip() for line in f if line.strip()]
+    if len(lines) != 1:
+        raise DescriptionError('%s: one line, the version, is expected' % path)
+    return ProductVersion(lines[0], Where(path, 1))
 
 
 if __name__ == '__main__':

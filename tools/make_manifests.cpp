@@ -1,20 +1,20 @@
-// Writes the manifests for registration-free use from the class table and
-// the type library, so that they cannot drift from what the DLL serves:
-//   vxTypes32.manifest         the DLL's assembly: its classes, type
-//                              library and marshalled interfaces
-//   vxTypes32.client.manifest  an application manifest that depends on it
+// Writes the manifests for registration-free use from the class table, the
+// library's identity and the type library, so that they cannot drift from
+// what the DLL serves (NAME is the library's name):
+//   NAME.manifest         the DLL's assembly: its classes, type library and
+//                         marshalled interfaces
+//   NAME.client.manifest  an application manifest that depends on it
 // Usage: make_manifests TYPELIB OUTPUT_DIR
 #include "frame/class_table.h"
 #include "frame/handles.h"
 #include "frame/registration.h"
+#include "library_identity.h"
 
 #include <cstdio>
 #include <string>
 
 namespace {
 
-// The assembly's version is the file version.
-constexpr const char* assembly_version = "1.0.0.31";
 // The manifests name the platform this tool was built for, the DLL's own.
 #if defined(_WIN64)
 constexpr const char* architecture = "amd64";
@@ -36,6 +36,8 @@ bool write(const std::wstring& path, const std::string& text) {
     return fclose(file) == 0 && written;
 }
 
+const std::string assembly_name = utf8(vx::identity::library_name);
+
 std::string assembly_manifest(ITypeLib* library) {
     TLIBATTR* attributes = nullptr;
     library->GetLibAttr(&attributes);
@@ -46,9 +48,9 @@ std::string assembly_manifest(ITypeLib* library) {
     std::string m =
         "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\r\n"
         "<assembly xmlns=\"urn:schemas-microsoft-com:asm.v1\" manifestVersion=\"1.0\">\r\n"
-        "  <assemblyIdentity type=\"win32\" name=\"vxTypes32\" version=\"" + std::string(assembly_version) +
-        "\" processorArchitecture=\"" + architecture + "\"/>\r\n"
-        "  <file name=\"vxTypes32.dll\">\r\n"
+        "  <assemblyIdentity type=\"win32\" name=\"" + assembly_name + "\" version=\"" +
+        vx::identity::assembly_version + "\" processorArchitecture=\"" + architecture + "\"/>\r\n"
+        "  <file name=\"" + utf8(vx::identity::module_file_name) + "\">\r\n"
         "    <typelib tlbid=\"" + libid + "\" version=\"" + version + "\" helpdir=\"\" flags=\"\"/>\r\n";
     for (const vx::class_entry& entry : vx::class_table())
         m += "    <comClass clsid=\"" + utf8(vx::guid_text(*entry.clsid)) + "\" progid=\"" + utf8(vx::prog_id(entry)) +
@@ -72,12 +74,12 @@ std::string assembly_manifest(ITypeLib* library) {
 std::string client_manifest() {
     return "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\r\n"
            "<assembly xmlns=\"urn:schemas-microsoft-com:asm.v1\" manifestVersion=\"1.0\">\r\n"
-           "  <assemblyIdentity type=\"win32\" name=\"vxTypes32.client\" version=\"1.0.0.0\" "
-           "processorArchitecture=\"" + std::string(architecture) + "\"/>\r\n"
+           "  <assemblyIdentity type=\"win32\" name=\"" + assembly_name + ".client\" version=\"1.0.0.0\" "
+           "processorArchitecture=\"" + architecture + "\"/>\r\n"
            "  <dependency>\r\n"
            "    <dependentAssembly>\r\n"
-           "      <assemblyIdentity type=\"win32\" name=\"vxTypes32\" version=\"" +
-           std::string(assembly_version) + "\" processorArchitecture=\"" + architecture + "\"/>\r\n"
+           "      <assemblyIdentity type=\"win32\" name=\"" + assembly_name + "\" version=\"" +
+           vx::identity::assembly_version + "\" processorArchitecture=\"" + architecture + "\"/>\r\n"
            "    </dependentAssembly>\r\n"
            "  </dependency>\r\n"
            "</assembly>\r\n";
@@ -95,9 +97,9 @@ int wmain(int argc, wchar_t** argv) {
         std::fprintf(stderr, "make_manifests: cannot load the type library\n");
         return 1;
     }
-    const std::wstring folder = std::wstring(argv[2]) + L"\\";
-    if (!write(folder + L"vxTypes32.manifest", assembly_manifest(library.get())) ||
-        !write(folder + L"vxTypes32.client.manifest", client_manifest())) {
+    const std::wstring named = std::wstring(argv[2]) + L"\\" + vx::identity::library_name;
+    if (!write(named + L".manifest", assembly_manifest(library.get())) ||
+        !write(named + L".client.manifest", client_manifest())) {
         std::fprintf(stderr, "make_manifests: cannot write the manifests\n");
         return 1;
     }

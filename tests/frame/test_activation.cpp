@@ -1,5 +1,7 @@
 // Activation through the DLL's own exports: class objects, instances,
 // identity, unload counting and failures.
+#include "frame/class_table.h"
+#include "frame/registration.h"
 #include "support/component.h"
 #include "vxTypes32_types.h"
 
@@ -11,25 +13,62 @@
 namespace vx::test {
 namespace {
 
-// The seven classes and the interfaces they answer for, as published.
-struct served_class {
-    const char* name;
-    const CLSID* clsid;
-    std::vector<const IID*> interfaces;
-    const IID* events;
+// What the type library publishes of a class: the interfaces it answers
+// for (its default one and that one's aliases, earlier IIDs still in
+// force) and its default source, if any.
+struct published_class {
+    std::vector<GUID> interfaces;
+    GUID events = GUID_NULL;
 };
-const served_class served_classes[] = {
-    {"Class_vxTypes32", &CLSID_Class_vxTypes32, {&IID__Class_vxTypes32}, nullptr},
-    {"CComplexNumber", &CLSID_CComplexNumber, {&IID__CComplexNumber}, nullptr},
-    {"cDIBSection", &CLSID_cDIBSection, {&IID__cDIBSection}, nullptr},
-    {"clsQuickSort", &CLSID_clsQuickSort, {&IID__clsQuickSort}, &DIID___clsQuickSort},
-    {"clsEasyRegistry", &CLSID_clsEasyRegistry, {&IID__clsEasyRegistry}, nullptr},
-    {"UserInfo", &CLSID_UserInfo, {&IID__UserInfo, &IID_UserInfo___v0}, nullptr},
-    {"clsBitmap", &CLSID_clsBitmap, {&IID__clsBitmap}, nullptr},
-};
-const IID* const published_interfaces[] = {
-    &IID__Class_vxTypes32, &IID__CComplexNumber, &IID__cDIBSection, &IID__clsQuickSort, &IID__clsEasyRegistry,
-    &IID__UserInfo,        &IID_UserInfo___v0,   &IID__clsBitmap,   &DIID___clsQuickSort};
+
+GUID guid_of(ITypeInfo* info) {
+    TYPEATTR* a = nullptr;
+    if (!info || FAILED(info->GetTypeAttr(&a))) return GUID_NULL;
+    const GUID guid = a->guid;
+    info->ReleaseTypeAttr(a);
+    return guid;
+}
+
+// The alias's target when the type is an alias of a named type.
+GUID aliased(ITypeInfo* info) {
+    TYPEATTR* a = nullptr;
+    if (FAILED(info->GetTypeAttr(&a))) return GUID_NULL;
+    com_ptr<ITypeInfo> target;
+    if (a->typekind == TKIND_ALIAS && a->tdescAlias.vt == VT_USERDEFINED)
+        info->GetRefTypeInfo(a->tdescAlias.hreftype, target.put());
+    info->ReleaseTypeAttr(a);
+    return guid_of(target.get());
+}
+
+published_class published(ITypeLib* library, REFCLSID clsid) {
+    published_class c;
+    com_ptr<ITypeInfo> coclass;
+    TYPEATTR* a = nullptr;
+    EXPECT_EQ(S_OK, library->GetTypeInfoOfGuid(clsid, coclass.put()));
+    if (!coclass || FAILED(coclass->GetTypeAttr(&a))) return c;
+    for (UINT i = 0; i < a->cImplTypes; ++i) {
+        HREFTYPE reference = 0;
+        int flags = 0;
+        com_ptr<ITypeInfo> implemented;
+        coclass->GetRefTypeOfImplType(i, &reference);
+        coclass->GetImplTypeFlags(i, &flags);
+        coclass->GetRefTypeInfo(reference, implemented.put());
+        const GUID guid = guid_of(implemented.get());
+        if (flags & IMPLTYPEFLAG_FSOURCE) c.events = guid;
+        else c.interfaces.push_back(guid);
+    }
+    coclass->ReleaseTypeAttr(a);
+    for (UINT i = 0; !c.interfaces.empty() && i < library->GetTypeInfoCount(); ++i) {
+        com_ptr<ITypeInfo> info;
+        library->GetTypeInfo(i, info.put());
+        if (info && IsEqualGUID(aliased(info.get()), c.interfaces[0])) c.interfaces.push_back(guid_of(info.get()));
+    }
+    return c;
+}
+
+bool contains(const std::vector<GUID>& guids, REFGUID guid) {
+    return std::any_of(guids.begin(), guids.end(), [&](const GUID& g) { return IsEqualGUID(g, guid); });
+}
 
 TEST(ClassObjects, OnlyTheClassesHaveOneAndTheyRefuseAggregation) {
     const GUID made_up = {0x12345678, 0x1234, 0x1234, {1, 2, 3, 4, 5, 6, 7, 8}};
@@ -61,22 +100,35 @@ TEST(Unloading, WaitsForEveryInstanceAndLock) {
     EXPECT_EQ(S_OK, dll().can_unload_now()) << "the lock released";
 }
 
-TEST(Identity, EachClassAnswersForItsOwnInterfacesAndClassInfo) {
-    for (const served_class& c : served_classes) {
+TEST(Identity, EachClassAnswersForWhatTheTypeLibraryPublishesOfIt) {
+    com_ptr<ITypeLib> library;
+    ASSERT_EQ(S_OK, LoadTypeLibEx(dll_path().c_str(), REGKIND_NONE, library.put()));
+    std::vector<published_class> classes;
+    std::vector<GUID> every_interface;
+    for (const class_entry& entry : class_table()) {
+        const published_class& c = classes.emplace_back(published(library.get(), *entry.clsid));
+        every_interface.insert(every_interface.end(), c.interfaces.begin(), c.interfaces.end());
+        if (!IsEqualGUID(c.events, GUID_NULL)) every_interface.push_back(c.events);
+    }
+    const published_class* expected = classes.data();
+    for (const class_entry& c : class_table()) {
+        const published_class& own = *expected++;
         com_ptr<IUnknown> object = create<IUnknown>(*c.clsid, IID_IUnknown);
-        ASSERT_TRUE(object) << c.name;
-        for (const IID* iid : published_interfaces) {
-            const bool own = std::find(c.interfaces.begin(), c.interfaces.end(), iid) != c.interfaces.end();
+        ASSERT_TRUE(object && !own.interfaces.empty()) << narrow(c.name);
+        for (const GUID& iid : every_interface) {
             com_ptr<IUnknown> answer;
-            EXPECT_EQ(own ? S_OK : E_NOINTERFACE, object->QueryInterface(*iid, answer.put_void())) << c.name;
+            const HRESULT expected_answer = contains(own.interfaces, iid) ? S_OK : E_NOINTERFACE;
+            EXPECT_EQ(expected_answer, object->QueryInterface(iid, answer.put_void()))
+                << narrow(c.name) << " asked for " << narrow(guid_text(iid));
         }
         // Only a class with events has a default source to report.
+        const bool has_events = !IsEqualGUID(own.events, GUID_NULL);
         com_ptr<IProvideClassInfo2> second = object.query<IProvideClassInfo2>(IID_IProvideClassInfo2);
-        ASSERT_EQ(c.events != nullptr, static_cast<bool>(second)) << c.name;
+        ASSERT_EQ(has_events, static_cast<bool>(second)) << narrow(c.name);
         GUID source{};
         if (second) {
             EXPECT_EQ(S_OK, second->GetGUID(GUIDKIND_DEFAULT_SOURCE_DISP_IID, &source));
-            EXPECT_TRUE(IsEqualGUID(*c.events, source)) << c.name;
+            EXPECT_TRUE(IsEqualGUID(own.events, source)) << narrow(c.name);
         }
     }
 }

@@ -4,6 +4,7 @@
 // registered, as the script clients expect.
 #include "frame/class_table.h"
 #include "frame/registration.h"
+#include "library_identity.h"
 #include "support/component.h"
 
 #include <string>
@@ -11,7 +12,15 @@
 namespace vx::test {
 namespace {
 
-const wchar_t* const libid = L"{4CF34B96-9FF3-440A-A358-4CF5DCBADA69}";
+const std::wstring libid = guid_text(identity::libid);
+
+// The library's version key; the registry writes the numbers in hexadecimal.
+std::wstring library_version_key() {
+    wchar_t version[16];
+    wsprintfW(version, L"%x.%x", identity::library_major_version, identity::library_minor_version);
+    return L"TypeLib\\" + libid + L"\\" + version;
+}
+const std::wstring version_key = library_version_key();
 const wchar_t* const automation_marshaller = L"{00020424-0000-0000-C000-000000000046}";
 const wchar_t* const dispatch_marshaller = L"{00020420-0000-0000-C000-000000000046}";
 
@@ -57,7 +66,7 @@ void expect_nothing_registered(const char* when) {
         for (const marshalled& i : interfaces_of(c))
             EXPECT_FALSE(key_exists(L"Interface\\" + guid_text(*i.iid))) << when << ": " << narrow(i.name);
     }
-    EXPECT_FALSE(key_exists(std::wstring(L"TypeLib\\") + libid)) << when;
+    EXPECT_FALSE(key_exists(L"TypeLib\\" + libid)) << when;
 }
 
 void expect_everything_registered(const char* when) {
@@ -79,9 +88,9 @@ void expect_everything_registered(const char* when) {
             EXPECT_EQ(libid, value_of(interface_key + L"\\TypeLib")) << name;
         }
     }
-    const wchar_t* platform = sizeof(void*) == 8 ? L"\\1.2\\0\\win64" : L"\\1.2\\0\\win32";
-    EXPECT_EQ(path, upper(value_of(std::wstring(L"TypeLib\\") + libid + platform))) << when;
-    EXPECT_EQ(path.substr(0, path.rfind(L'\\')), upper(value_of(std::wstring(L"TypeLib\\") + libid + L"\\1.2\\HELPDIR")))
+    const wchar_t* platform = sizeof(void*) == 8 ? L"\\0\\win64" : L"\\0\\win32";
+    EXPECT_EQ(path, upper(value_of(version_key + platform))) << when;
+    EXPECT_EQ(path.substr(0, path.rfind(L'\\')), upper(value_of(version_key + L"\\HELPDIR")))
         << when << ": HELPDIR is the DLL's folder";
 }
 

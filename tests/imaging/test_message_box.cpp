@@ -38,7 +38,8 @@ TEST(CopyToClipboard, TheDefaultShowsTheMessageAndFalseCopiesABitmap) {
         box_dismisser dismisser;
         DISPPARAMS none = {};
         unique_variant result;
-        ASSERT_EQ(S_OK, section->Invoke(0x60030006, IID_NULL, 0, DISPATCH_METHOD, &none, result.put(), nullptr, nullptr));
+        ASSERT_EQ(S_OK, section->Invoke(dispid::_cDIBSection::CopyToClipboard, IID_NULL, 0, DISPATCH_METHOD, &none,
+                                        result.put(), nullptr, nullptr));
         EXPECT_TRUE(V_VT(result.get()) == VT_BOOL && V_BOOL(result.get()) == VARIANT_FALSE) << "nothing copied";
         const auto seen = dismisser.seen();
         ASSERT_EQ(1u, seen.size()) << "one box shown and dismissed";

@@ -3,7 +3,7 @@
 // between a copy and interpolation.
 #include "imaging/imaging_support.h"
 #include "imaging/resample.h"
-#include "imaging/resample_reference.h"
+#include "imaging/resample_formula.h"
 
 #include <cstring>
 #include <random>

@@ -4,9 +4,10 @@
 # and unregistering one leaves the other whole.
 # Leaves the 64-bit DLL registered alone, as it found it.
 # Usage: side_by_side.sh WINE_RUN X86_DLL X64_DLL X86_CLIENT X64_CLIENT
-#                        LIBRARY.types CSCRIPT32 EVERY_CLASS.vbs
+#                        LIBRARY.types CSCRIPT32 EVERY_CLASS.vbs CLASS_NAMES
+# (CLASS_NAMES by its Windows path, for the script.)
 set -u
-run=$1 x86_dll=$2 x64_dll=$3 x86_client=$4 x64_client=$5 cscript32=$7 every_class=$8
+run=$1 x86_dll=$2 x64_dll=$3 x86_client=$4 x64_client=$5 cscript32=$7 every_class=$8 class_names=$9
 read -r _ _ libid version _ < <(grep '^library ' "$6")
 winpath() { printf 'Z:%s' "$1" | tr / '\\'; }
 regsvr32_x86() { "$run" 'C:\windows\syswow64\regsvr32.exe' /s "$@" "$(winpath "$x86_dll")"; }
@@ -35,7 +36,7 @@ x64_print=$(x64_creates | grep '^fingerprint')
 x86_print=$(x86_creates | grep '^fingerprint')
 expect yes "both DLLs compute the same bits ($x64_print, $x86_print)" \
     test -n "$x64_print" -a "$x64_print" = "$x86_print"
-expect yes "the 32-bit cscript uses every class of the 32-bit DLL" "$cscript32" "$every_class"
+expect yes "the 32-bit cscript uses every class of the 32-bit DLL" "$cscript32" "$every_class" "$class_names"
 
 regsvr32_x86 /u
 expect yes "the 64-bit DLL stays registered without the 32-bit one" x64_creates

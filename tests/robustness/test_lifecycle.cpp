@@ -4,6 +4,7 @@
 // is VXTYPES32_LIFECYCLE_CYCLES cycles per class (10,000 unless set), with
 // one unload and reload per 100 of them (at least 10).
 #include "frame/class_table.h"
+#include "library_identity.h"
 #include "sort/sort_sinks.h"
 #include "support/resource_counts.h"
 
@@ -14,7 +15,7 @@
 namespace vx::test {
 namespace {
 
-const wchar_t* const dll_name = L"vxTypes32.dll";
+const wchar_t* const dll_name = identity::module_file_name;
 const wchar_t* const scratch_path = L"Software\\vxTypes32 tests\\lifecycle";
 
 long cycles() {
@@ -65,7 +66,7 @@ bool use_complex(IUnknown* object, long) {
     V_VT(&arguments[0]) = V_VT(&arguments[1]) = VT_BYREF | VT_VARIANT;
     V_VARIANTREF(&arguments[0]) = imaginary_text.get(), V_VARIANTREF(&arguments[1]) = real_text.get();
     DISPPARAMS params = {arguments, nullptr, 2, 0};
-    z->Invoke(0x60030000, IID_NULL, 0, DISPATCH_METHOD, &params, same.get(), nullptr, nullptr);
+    z->Invoke(dispid::_CComplexNumber::Init, IID_NULL, 0, DISPATCH_METHOD, &params, same.get(), nullptr, nullptr);
     double real = 3, imaginary = 4;
     z->Multiply2(&real, &imaginary, product.put());
     unique_bstr text;
@@ -155,22 +156,22 @@ bool use_user_info(IUnknown* object, long) {
 }
 
 struct class_use {
-    const wchar_t* name;
+    const CLSID* clsid;
     bool (*use)(IUnknown*, long cycle);
     void (*after_release)() = nullptr;
 };
 
 const class_use uses[] = {
-    {L"Class_vxTypes32", use_anchor},      {L"CComplexNumber", use_complex},
-    {L"cDIBSection", use_dib_section},     {L"clsQuickSort", use_quick_sort, after_quick_sort},
-    {L"clsEasyRegistry", use_easy_registry}, {L"clsBitmap", use_masked_bitmap},
-    {L"UserInfo", use_user_info},
+    {&CLSID_Class_vxTypes32, use_anchor},      {&CLSID_CComplexNumber, use_complex},
+    {&CLSID_cDIBSection, use_dib_section},     {&CLSID_clsQuickSort, use_quick_sort, after_quick_sort},
+    {&CLSID_clsEasyRegistry, use_easy_registry}, {&CLSID_clsBitmap, use_masked_bitmap},
+    {&CLSID_UserInfo, use_user_info},
 };
 
 // The use of every class in the class table; a class without one fails.
 const class_use* use_of(const class_entry& entry) {
     for (const class_use& u : uses)
-        if (std::wstring(u.name) == entry.name) return &u;
+        if (IsEqualCLSID(*u.clsid, *entry.clsid)) return &u;
     ADD_FAILURE() << narrow(entry.name) << " has no use here";
     return nullptr;
 }

@@ -14,14 +14,18 @@ Dim shell : Set shell = CreateObject("WScript.Shell")
 Dim wide : wide = (shell.ExpandEnvironmentStrings("%PROCESSOR_ARCHITECTURE%") = "AMD64")
 Dim handleType : If wide Then handleType = 20 Else handleType = vbLong
 
-Dim names, name, made
-names = Array("UserInfo", "clsEasyRegistry", "cDIBSection", "clsBitmap", "clsQuickSort", _
-              "CComplexNumber", "Class_vxTypes32")
-For Each name In names
+' The class names, one a line: the file the build writes from the class table.
+Dim listing : Set listing = CreateObject("Scripting.FileSystemObject").OpenTextFile(WScript.Arguments(0))
+Dim name, made, count : count = 0
+Do Until listing.AtEndOfStream
+    name = listing.ReadLine
     Set made = CreateObject("vxTypes32." & name)
     ' Wine's VBScript names the interface, Windows' the class.
     Check TypeName(made) = name Or TypeName(made) = "_" & name, name & " is " & TypeName(made)
-Next
+    count = count + 1
+Loop
+listing.Close
+Check count > 0, "no class listed"
 
 Dim dib : Set dib = CreateObject("vxTypes32.cDIBSection")
 Check dib.Create(4, 3), "Create"

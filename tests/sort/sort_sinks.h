@@ -16,6 +16,8 @@
 
 namespace vx::test {
 
+namespace sort_event = ::dispid::__clsQuickSort;
+
 // Events as the sinks write them down: "isLess(1,3)", "SwapItems(1,3)".
 using event_list = std::vector<std::string>;
 
@@ -59,25 +61,26 @@ public:
         return unexpected("GetIDsOfNames");
     }
 
-    // isLess (DISPID 1) is (ndx1, ndx2, ByRef Integer), SwapItems (2) is
-    // (ndx1, ndx2); the arguments come last to first.
+    // isLess is (ndx1, ndx2, ByRef Integer), SwapItems is (ndx1, ndx2); the
+    // arguments come last to first.
     HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID iid, LCID, WORD flags, DISPPARAMS* params, VARIANT*,
                                      EXCEPINFO* exception, UINT*) override {
         ++events;
-        const UINT count = id == 1 ? 3 : 2;
-        if ((id != 1 && id != 2) || params->cArgs != count || params->cNamedArgs || flags != DISPATCH_METHOD ||
-            !IsEqualIID(iid, IID_NULL))
+        const bool is_less = id == sort_event::isLess;
+        const UINT count = is_less ? 3 : 2;
+        if ((!is_less && id != sort_event::SwapItems) || params->cArgs != count || params->cNamedArgs ||
+            flags != DISPATCH_METHOD || !IsEqualIID(iid, IID_NULL))
             return unexpected("an event of that shape");
         const VARIANT &first = params->rgvarg[count - 1], &second = params->rgvarg[count - 2];
-        EXPECT_TRUE(first.vt == VT_I4 && second.vt == VT_I4 && (id == 2 || params->rgvarg[0].vt == (VT_BYREF | VT_I2)));
-        SHORT* answer = id == 1 ? params->rgvarg[0].piVal : nullptr;
+        EXPECT_TRUE(first.vt == VT_I4 && second.vt == VT_I4 && (!is_less || params->rgvarg[0].vt == (VT_BYREF | VT_I2)));
+        SHORT* answer = is_less ? params->rgvarg[0].piVal : nullptr;
         if (log)
-            log->push_back((id == 1 ? "isLess(" : "SwapItems(") + std::to_string(first.lVal) + "," +
+            log->push_back((is_less ? "isLess(" : "SwapItems(") + std::to_string(first.lVal) + "," +
                            std::to_string(second.lVal) + ")");
         const HRESULT hr = before ? before(id, first.lVal, second.lVal, answer, exception) : S_OK;
         if (hr != S_OK || !store_) return hr;
         int &a = store_->at(first.lVal), &b = store_->at(second.lVal);
-        if (id == 2) std::swap(a, b);
+        if (!is_less) std::swap(a, b);
         else *answer = a < b ? -1 : a > b ? 1 : 0;
         return S_OK;
     }

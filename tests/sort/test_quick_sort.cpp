@@ -36,7 +36,8 @@ sort_outcome run_sort(const item_store& items, LONG last, std::optional<LONG> fi
     argument.lVal = last;
     DISPPARAMS params = {&argument, nullptr, 1, 0};
     outcome.hr = first ? s.sorter->Sort(last, *first)
-                       : s.sorter->Invoke(0x60030002, IID_NULL, 0, DISPATCH_METHOD, &params, nullptr, nullptr, nullptr);
+                       : s.sorter->Invoke(dispid::_clsQuickSort::Sort, IID_NULL, 0, DISPATCH_METHOD, &params, nullptr,
+                                          nullptr, nullptr);
     if (FAILED(outcome.hr)) outcome.error = take_error_info();
     s.sorter->get_runtime(&outcome.runtime);
     s.point->Unadvise(cookie);
@@ -84,7 +85,7 @@ DWORD WINAPI sort_on_small_stack(void* parameter) {
         if (!run->all_equal) std::iota(store.values.begin(), store.values.end(), 0);
         recording_sink sink(&store);
         sink.before = [&](DISPID id, LONG, LONG, SHORT*, EXCEPINFO*) {
-            return ++(id == 1 ? run->comparisons : run->swaps), S_OK;
+            return ++(id == sort_event::isLess ? run->comparisons : run->swaps), S_OK;
         };
         connected_sorter s = new_sorter();
         s.advise(&sink);
@@ -126,7 +127,7 @@ TEST(QuickSortErrors, AFailingHandlerEndsTheSortWithItsError) {
     };
     for (const case_& c : cases) {
         auto fail_first_swap = [&](DISPID id, LONG, LONG, SHORT*, EXCEPINFO* exception) -> HRESULT {
-            if (id != 2) return S_OK;
+            if (id != sort_event::SwapItems) return S_OK;
             if (c.returned == DISP_E_EXCEPTION) {
                 exception->wCode = c.code;
                 exception->scode = c.scode;

@@ -1,11 +1,11 @@
 // Compiled with SSE2 arithmetic, so that float and double are IEEE single
 // and double, as the formula states them.
-#include "imaging/resample_reference.h"
+#include "imaging/resample_formula.h"
 
 #include <cmath>
 #include <stdexcept>
 
-namespace vx::test {
+namespace vx {
 
 namespace {
 
@@ -51,4 +51,4 @@ void resample_reference(const reference_picture& source, unsigned char* destinat
     }
 }
 
-}  // namespace vx::test
+}  // namespace vx

@@ -1,8 +1,9 @@
-// The resampling formula written out plainly, one channel value at a time:
-// the reference the component's fast path must match on every byte.
+// The resampling formula of cDIBSection.Resample written out plainly, one
+// channel value at a time, in IEEE single and double arithmetic: the
+// reference the resampler's integer paths match on every byte.
 #pragma once
 
-namespace vx::test {
+namespace vx {
 
 // Pixels of 3 bytes (blue, green, red); scan lines `stride` bytes apart.
 struct reference_picture {
@@ -15,4 +16,4 @@ struct reference_picture {
 void resample_reference(const reference_picture& source, unsigned char* destination, long width, long height,
                         long stride);
 
-}  // namespace vx::test
+}  // namespace vx
