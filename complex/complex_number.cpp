@@ -89,16 +89,19 @@ HRESULT arithmetic(const wchar_t* source, Body&& body) {
 
 // ---- One part of a result ---------------------------------------------------
 
-// The values one part is computed from.
-struct terms {
-    double w = 0, x = 0, y = 0, z = 0;
-    double s = 1;  // divisor of the quotients
+// The values one part is computed from: left and right added or
+// subtracted, or their product and that of other_left and other_right;
+// a quotient divides that once by divisor.
+struct operands {
+    double left = 0, right = 0;
+    double other_left = 0, other_right = 0;
+    double divisor = 1;
 };
 
-// Clears the exception flags and hands the terms back through the same
+// Clears the exception flags and hands the operands back through the same
 // statement, so the arithmetic on them cannot start before the flags are
 // clear.
-inline void clear_flags_for(terms& values) { asm volatile("fnclex" : "+m"(values)); }
+inline void clear_flags_for(operands& values) { asm volatile("fnclex" : "+m"(values)); }
 
 // The flags once value is complete: it is an input, so it is computed first.
 inline unsigned short flags_after(const extended& value) {
@@ -121,21 +124,27 @@ inline double to_double(extended value) {
 
 // Each part is one expression: products first, then added or subtracted; a
 // quotient divides once by s.
-extended sum(const terms& t) { return extended(t.w) + t.x; }
-extended difference(const terms& t) { return extended(t.w) - t.x; }
-extended products_added(const terms& t) { return extended(t.w) * t.x + extended(t.y) * t.z; }
-extended products_subtracted(const terms& t) { return extended(t.w) * t.x - extended(t.y) * t.z; }
-extended quotient_of_products_added(const terms& t) { return (extended(t.w) * t.x + extended(t.y) * t.z) / t.s; }
-extended quotient_of_products_subtracted(const terms& t) {
-    return (extended(t.w) * t.x - extended(t.y) * t.z) / t.s;
+extended sum(const operands& o) { return extended(o.left) + o.right; }
+extended difference(const operands& o) { return extended(o.left) - o.right; }
+extended products_added(const operands& o) {
+    return extended(o.left) * o.right + extended(o.other_left) * o.other_right;
 }
-extended quotient(const terms& t) { return extended(t.w) / t.s; }
-extended negated_quotient(const terms& t) { return -extended(t.w) / t.s; }
+extended products_subtracted(const operands& o) {
+    return extended(o.left) * o.right - extended(o.other_left) * o.other_right;
+}
+extended quotient_of_products_added(const operands& o) {
+    return (extended(o.left) * o.right + extended(o.other_left) * o.other_right) / o.divisor;
+}
+extended quotient_of_products_subtracted(const operands& o) {
+    return (extended(o.left) * o.right - extended(o.other_left) * o.other_right) / o.divisor;
+}
+extended quotient(const operands& o) { return extended(o.left) / o.divisor; }
+extended negated_quotient(const operands& o) { return -extended(o.left) / o.divisor; }
 
 // A part of a value operation: tested before it is rounded, so a part that
 // is finite but beyond the Double range becomes an infinity without error.
 template <class Expression>
-double value_part(terms values, Expression expression, const wchar_t* source) {
+double value_part(operands values, Expression expression, const wchar_t* source) {
     clear_flags_for(values);
     const extended part = expression(values);
     const unsigned short flags = flags_after(part);
@@ -147,16 +156,16 @@ double value_part(terms values, Expression expression, const wchar_t* source) {
 // Add's part: stored first and tested after, so the object keeps an
 // infinite or NaN sum when the error is raised.
 void add_in_place(double& field, double addend, const wchar_t* source) {
-    terms values;
-    values.w = field;
-    values.x = addend;
+    operands values;
+    values.left = field;
+    values.right = addend;
     clear_flags_for(values);
     field = to_double(sum(values));
     if (flags_after_store(field) & (x87_invalid | x87_overflow)) raise_error(error_overflow, source);
 }
 
 // The sum of squares, rounded before it is tested or used.
-double checked_sum_of_squares(terms values, extended (*expression)(const terms&), const wchar_t* source) {
+double checked_sum_of_squares(operands values, extended (*expression)(const operands&), const wchar_t* source) {
     clear_flags_for(values);
     const double s = to_double(expression(values));
     if (std::isinf(s)) raise_error(error_overflow, source);
@@ -166,27 +175,28 @@ double checked_sum_of_squares(terms values, extended (*expression)(const terms&)
 // Divide, Reciprocal and Magnitude square with the power operation, whose
 // squares are Doubles already: a subnormal square has lost its low bits.
 double sum_of_powers(double x, double y, const wchar_t* source) {
-    terms values;
-    values.w = power(x, 2.0);
-    values.x = power(y, 2.0);
+    operands values;
+    values.left = power(x, 2.0);
+    values.right = power(y, 2.0);
     return checked_sum_of_squares(values, sum, source);
 }
 
 // Divide2 multiplies each part by itself, in the x87's range.
 double sum_of_products(double x, double y, const wchar_t* source) {
-    terms values;
-    values.w = values.x = x;
-    values.y = values.z = y;
+    operands values;
+    values.left = values.right = x;
+    values.other_left = values.other_right = y;
     return checked_sum_of_squares(values, products_added, source);
 }
 
-terms make_terms(double w, double x, double y = 0, double z = 0, double s = 1) {
-    terms values;
-    values.w = w;
-    values.x = x;
-    values.y = y;
-    values.z = z;
-    values.s = s;
+operands operands_of(double left, double right, double other_left = 0, double other_right = 0,
+                     double divisor = 1) {
+    operands values;
+    values.left = left;
+    values.right = right;
+    values.other_left = other_left;
+    values.other_right = other_right;
+    values.divisor = divisor;
     return values;
 }
 
@@ -324,8 +334,8 @@ HRESULT complex_number::Add2(DOUBLE* Real, DOUBLE* Imaginary, _CComplexNumber** 
     const wchar_t* const source = L"CComplexNumber.Add2";
     return arithmetic(source, [&] {
         com_ptr<complex_number> number = new_number();
-        number->real_ = value_part(make_terms(real_, *Real), sum, source);
-        number->imaginary_ = value_part(make_terms(imaginary_, *Imaginary), sum, source);
+        number->real_ = value_part(operands_of(real_, *Real), sum, source);
+        number->imaginary_ = value_part(operands_of(imaginary_, *Imaginary), sum, source);
         *result = number.detach();
     });
 }
@@ -335,8 +345,8 @@ HRESULT complex_number::Subtract2(DOUBLE* Real, DOUBLE* Imaginary, _CComplexNumb
     const wchar_t* const source = L"CComplexNumber.Subtract2";
     return arithmetic(source, [&] {
         com_ptr<complex_number> number = new_number();
-        number->real_ = value_part(make_terms(real_, *Real), difference, source);
-        number->imaginary_ = value_part(make_terms(imaginary_, *Imaginary), difference, source);
+        number->real_ = value_part(operands_of(real_, *Real), difference, source);
+        number->imaginary_ = value_part(operands_of(imaginary_, *Imaginary), difference, source);
         *result = number.detach();
     });
 }
@@ -347,8 +357,8 @@ HRESULT complex_number::Multiply2(DOUBLE* Real, DOUBLE* Imaginary, _CComplexNumb
     return arithmetic(source, [&] {
         com_ptr<complex_number> number = new_number();
         const double c = *Real, d = *Imaginary;
-        number->real_ = value_part(make_terms(real_, c, imaginary_, d), products_subtracted, source);
-        number->imaginary_ = value_part(make_terms(imaginary_, c, real_, d), products_added, source);
+        number->real_ = value_part(operands_of(real_, c, imaginary_, d), products_subtracted, source);
+        number->imaginary_ = value_part(operands_of(imaginary_, c, real_, d), products_added, source);
         *result = number.detach();
     });
 }
@@ -361,10 +371,10 @@ HRESULT complex_number::Multiply(_CComplexNumber** cVal, _CComplexNumber** resul
         const com_ptr<_CComplexNumber> operand = operand_of(cVal, source);
         // Each part reads the operand afresh, as its own expression.
         double c = read(operand.get(), part::real, source), d = read(operand.get(), part::imaginary, source);
-        number->real_ = value_part(make_terms(real_, c, imaginary_, d), products_subtracted, source);
+        number->real_ = value_part(operands_of(real_, c, imaginary_, d), products_subtracted, source);
         c = read(operand.get(), part::real, source);
         d = read(operand.get(), part::imaginary, source);
-        number->imaginary_ = value_part(make_terms(imaginary_, c, real_, d), products_added, source);
+        number->imaginary_ = value_part(operands_of(imaginary_, c, real_, d), products_added, source);
         *result = number.detach();
     });
 }
@@ -381,11 +391,11 @@ HRESULT complex_number::Divide(_CComplexNumber** cVal, _CComplexNumber** result)
         if (s > 0) {
             c = read(operand.get(), part::real, source);
             d = read(operand.get(), part::imaginary, source);
-            number->real_ = value_part(make_terms(real_, c, imaginary_, d, s), quotient_of_products_added, source);
+            number->real_ = value_part(operands_of(real_, c, imaginary_, d, s), quotient_of_products_added, source);
             c = read(operand.get(), part::real, source);
             d = read(operand.get(), part::imaginary, source);
             number->imaginary_ =
-                value_part(make_terms(imaginary_, c, real_, d, s), quotient_of_products_subtracted, source);
+                value_part(operands_of(imaginary_, c, real_, d, s), quotient_of_products_subtracted, source);
         }
         *result = number.detach();
     });
@@ -398,8 +408,8 @@ HRESULT complex_number::Reciprocal(_CComplexNumber** result) {
         com_ptr<complex_number> number = new_number();
         const double s = sum_of_powers(real_, imaginary_, source);
         if (s > 0) {
-            number->real_ = value_part(make_terms(real_, 0, 0, 0, s), quotient, source);
-            number->imaginary_ = value_part(make_terms(imaginary_, 0, 0, 0, s), negated_quotient, source);
+            number->real_ = value_part(operands_of(real_, 0, 0, 0, s), quotient, source);
+            number->imaginary_ = value_part(operands_of(imaginary_, 0, 0, 0, s), negated_quotient, source);
         }
         *result = number.detach();
     });
@@ -422,9 +432,9 @@ HRESULT complex_number::Divide2(DOUBLE* Real, DOUBLE* Imaginary, _CComplexNumber
         const double c = *Real, d = *Imaginary;
         // No test of s: a zero s divides by zero.
         const double s = sum_of_products(c, d, source);
-        number->real_ = value_part(make_terms(real_, c, imaginary_, d, s), quotient_of_products_added, source);
+        number->real_ = value_part(operands_of(real_, c, imaginary_, d, s), quotient_of_products_added, source);
         number->imaginary_ =
-            value_part(make_terms(imaginary_, c, real_, d, s), quotient_of_products_subtracted, source);
+            value_part(operands_of(imaginary_, c, real_, d, s), quotient_of_products_subtracted, source);
         *result = number.detach();
     });
 }

@@ -44,16 +44,24 @@ LONG picture_handle(IPictureDisp* picture, const wchar_t* source) {
     return variant_to_long(*value.get(), source);
 }
 
+// The bytes of a scan line of 24-bit pixels, padded to a multiple of four;
+// false when the width is too large for that to be a Long.
+bool padded_scan_line(LONG width, LONG& bytes) {
+    LONG tripled = 0, padded = 0;
+    if (__builtin_mul_overflow(width, LONG{3}, &tripled) || __builtin_add_overflow(tripled, LONG{3}, &padded))
+        return false;
+    bytes = static_cast<LONG>(static_cast<ULONG>(padded) & 0xFFFFFFFCu);
+    return true;
+}
+
 }  // namespace
 
 dib_section::~dib_section() { clear_up(); }
 
 LONG dib_section::bytes_per_scan_line(const wchar_t* source) const {
-    LONG tripled = 0, padded = 0;
-    if (__builtin_mul_overflow(header_.bmiHeader.biWidth, LONG{3}, &tripled) ||
-        __builtin_add_overflow(tripled, LONG{3}, &padded))
-        raise_error(error_overflow, source);
-    return static_cast<LONG>(static_cast<ULONG>(padded) & 0xFFFFFFFCu);
+    LONG bytes = 0;
+    if (!padded_scan_line(header_.bmiHeader.biWidth, bytes)) raise_error(error_overflow, source);
+    return bytes;
 }
 
 bool dib_section::create_dib(HDC dc, LONG width, LONG height, HBITMAP& section, const wchar_t* source) {
@@ -108,14 +116,12 @@ void dib_section::clear_up() {
 
 pixel_view dib_section::view() const {
     pixel_view v;
-    LONG tripled = 0, padded = 0;
-    if (__builtin_mul_overflow(header_.bmiHeader.biWidth, LONG{3}, &tripled) ||
-        __builtin_add_overflow(tripled, LONG{3}, &padded))
-        return v;
+    LONG stride = 0;
+    if (!padded_scan_line(header_.bmiHeader.biWidth, stride)) return v;
     v.bits = static_cast<unsigned char*>(bits_);
     v.width = header_.bmiHeader.biWidth;
     v.height = header_.bmiHeader.biHeight;
-    v.stride = static_cast<LONG>(static_cast<ULONG>(padded) & 0xFFFFFFFCu);
+    v.stride = stride;
     v.capacity = bits_capacity_;
     return v;
 }

@@ -17,6 +17,7 @@
 #include "imaging/resample.h"
 
 #include "frame/automation_error.h"
+#include "frame/handles.h"
 #include "imaging/resample_kernels.h"
 
 #include <windows.h>
@@ -345,49 +346,27 @@ long processor_count() {
     return known;
 }
 
-// The thread pool's calls, looked up at run time: systems before Vista
-// lack them, and should still load the DLL and resample on one thread.
-struct thread_pool_calls {
-    decltype(&CreateThreadpoolWork) create = nullptr;
-    decltype(&SubmitThreadpoolWork) submit = nullptr;
-    decltype(&WaitForThreadpoolWorkCallbacks) wait = nullptr;
-    decltype(&CloseThreadpoolWork) close = nullptr;
-};
-
-template <class Function>
-void look_up(HMODULE module, const char* name, Function& function) {
-    // Through the generic function type, which any function pointer converts to.
-    function = reinterpret_cast<Function>(reinterpret_cast<void (*)()>(GetProcAddress(module, name)));
+// The work object of one call. Callbacks that have not started when it is
+// closed would find nothing left to do, so they are cancelled; those
+// running are waited for.
+void finish_work(PTP_WORK work) {
+    WaitForThreadpoolWorkCallbacks(work, TRUE);
+    CloseThreadpoolWork(work);
 }
-
-thread_pool_calls thread_pool() {
-    thread_pool_calls calls;
-    if (HMODULE kernel = GetModuleHandleW(L"kernel32.dll")) {
-        look_up(kernel, "CreateThreadpoolWork", calls.create);
-        look_up(kernel, "SubmitThreadpoolWork", calls.submit);
-        look_up(kernel, "WaitForThreadpoolWorkCallbacks", calls.wait);
-        look_up(kernel, "CloseThreadpoolWork", calls.close);
-    }
-    return calls;
-}
+using unique_work = unique_handle<PTP_WORK, &finish_work>;
 
 void resample_shared_out(const plan& p) {
     const long threads = std::min(processor_count(), most_threads);
     const long pieces_per_strip = (p.destination.height + lines_per_piece - 1) / lines_per_piece;
     shared_resample shared{&p, pieces_per_strip, pieces_per_strip * strip_count(p), 0};
-    const thread_pool_calls pool = threads >= 2 && shared.pieces >= 2 ? thread_pool() : thread_pool_calls{};
-    // The work object lives for this call only; nothing of it outlasts it.
-    PTP_WORK work = pool.create && pool.submit && pool.wait && pool.close
-                        ? pool.create(take_pieces_in_pool, &shared, nullptr)
-                        : nullptr;
+    // Without a work object (one processor, or none to be had) the caller
+    // does every piece.
+    unique_work work;
+    if (threads >= 2 && shared.pieces >= 2)
+        work = unique_work(CreateThreadpoolWork(take_pieces_in_pool, &shared, nullptr));
     if (work)
-        for (long i = 1; i < threads; ++i) pool.submit(work);
+        for (long i = 1; i < threads; ++i) SubmitThreadpoolWork(work.get());
     take_pieces(shared);
-    if (work) {
-        // Callbacks that have not started by now would find nothing to do.
-        pool.wait(work, TRUE);
-        pool.close(work);
-    }
 }
 
 // ---- Choosing a path ---------------------------------------------------------

@@ -35,7 +35,5 @@ TEST(QuickSortConnections, CookiesNameConnectionsUntilTheyAreUnadvised) {
     EXPECT_EQ(S_OK, s.point->Unadvise(cookies[2]));
 }
 
-// The first sink says "after"; the second sees that through the same
-// variable and overrules it with "before": no swap follows.
 }  // namespace
 }  // namespace vx::test
