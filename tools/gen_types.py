@@ -685,7 +685,7 @@ def check_members(lib, t):
     dispids = {}
     for m in t.members:
         if dispids.setdefault(m.name, m.dispid) != m.dispid:
-            fail(m.where, 'the get, let and set of %s share one DISPID' % m.name)
+            fail(m.where, 'the get, let and set of %s must share one DISPID' % m.name)
 
 
 def check_optional_params(m):
