@@ -36,5 +36,5 @@ Dim z : Set z = CreateObject("vxTypes32.CComplexNumber")
 Check z.Init(3, -4).Text = "3-4i", "Text"
 Check CreateObject("vxTypes32.UserInfo").Logon <> "", "Logon"
 
-If failures = 0 Then WScript.Echo "every class, handles of VarType " & handleType
+If failures = 0 Then WScript.Echo "PASS: every_class.vbs, handles of VarType " & handleType
 WScript.Quit failures
