@@ -5,7 +5,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/build.sh"
-"$root/scripts/platforms.sh" --left-out | sed 's/^/== not built or run: /'
+"$root/scripts/platforms.sh" --left-out | sed 's/: /: not built or run: /; s/^/== /'
 status=0
 while read -r platform tree; do
     echo "== $platform: $tree"

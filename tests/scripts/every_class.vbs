@@ -4,10 +4,7 @@
 Option Explicit
 Dim failures : failures = 0
 Sub Check(condition, what)
-    If Not condition Then
-        failures = failures + 1
-        WScript.Echo "FAILED: " & what
-    End If
+    If Not condition Then failures = failures + 1 : WScript.Echo "FAILED: " & what
 End Sub
 
 Dim shell : Set shell = CreateObject("WScript.Shell")
