@@ -1,21 +1,24 @@
 #!/usr/bin/env bash
-# Builds both DLLs, registers them side by side in the 64-bit tree's own Wine
-# prefix (the 64-bit DLL in the 64-bit registry view, the 32-bit one under
-# WoW64) and shows every class at work through a 64-bit and a 32-bit script
-# host (the 64-bit ones only, on a host that runs no 32-bit code).
+# Builds the DLLs, registers them side by side in a 64-bit Wine prefix of the
+# demonstration's own (the 64-bit DLL in the 64-bit registry view, the
+# 32-bit one under WoW64; the tests' prefixes stay as the tests leave them)
+# and shows every class at work through a 64-bit and a 32-bit script host
+# (the 64-bit ones only, where scripts/platforms.sh leaves x86 out).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-build=${VXTYPES32_BUILD:-$root/build}
-x64=$build/x64
+platforms=$("$root/scripts/platforms.sh")
+x64=$(sed -n 's/^x64 //p' <<<"$platforms")
+x86=$(sed -n 's/^x86 //p' <<<"$platforms")
+[ -n "$x64" ] || { echo "the demonstration runs in the x64 tree: VXTYPES32_PLATFORMS must name x64" >&2; exit 1; }
 "$root/scripts/build.sh"
+# The tree's wrappers (wine-run, cscript, cscript32) run in this prefix.
+export VXTYPES32_WINEPREFIX=$x64/wineprefix-demo
 wine_run=$x64/wine-run
 winpath() { printf 'Z:%s' "$1" | tr / '\\'; }
-runs_32_bit=yes
-"$root/scripts/runs-32-bit.sh" || runs_32_bit=
 "$wine_run" regsvr32 /s "$(winpath "$x64/bin/vxTypes32.dll")" ||
     { echo "registration failed" >&2; exit 1; }
-if [ -n "$runs_32_bit" ]; then
-    "$wine_run" 'C:\windows\syswow64\regsvr32.exe' /s "$(winpath "$build/bin/vxTypes32.dll")" ||
+if [ -n "$x86" ]; then
+    "$wine_run" 'C:\windows\syswow64\regsvr32.exe' /s "$(winpath "$x86/bin/vxTypes32.dll")" ||
         { echo "registration failed" >&2; exit 1; }
 fi
 
@@ -32,15 +35,16 @@ demo_through() {
 echo "== 64-bit hosts (cscript in system32, vxscript.exe for x64) with x64/vxTypes32.dll"
 demo_through "$x64/cscript" "$x64/bin/vxscript.exe"
 echo
-if [ -n "$runs_32_bit" ]; then
+if [ -n "$x86" ]; then
     echo "== 32-bit hosts (cscript in syswow64, vxscript.exe for x86) with x86/vxTypes32.dll"
-    demo_through "$x64/cscript32" "$build/bin/vxscript.exe"
+    demo_through "$x64/cscript32" "$x86/bin/vxscript.exe"
 else
-    echo "== 32-bit hosts: not shown, this host runs no 32-bit code (IA-32 emulation is off)"
+    "$root/scripts/platforms.sh" --left-out | sed 's/^x86: /== 32-bit hosts: not shown, /'
 fi
 echo
 # cDIBSection's pictures, written by the demonstration's own program.
-mkdir -p "$build/demo"
+pictures=$("$root/scripts/platforms.sh" --tree x86)/demo
+mkdir -p "$pictures"
 echo "Pictures        a drawn picture and two resampled versions, as BMP files:"
-"$wine_run" "$x64/bin/imaging_demo.exe" "$(winpath "$build/demo")"
-WINEPREFIX=$x64/wineprefix wineserver -k 2>/dev/null || true
+"$wine_run" "$x64/bin/imaging_demo.exe" "$(winpath "$pictures")"
+WINEPREFIX=$VXTYPES32_WINEPREFIX wineserver -k 2>/dev/null || true

@@ -26,7 +26,6 @@ ROOT = Path(__file__).resolve().parent.parent
 PATCHES = ROOT / 'tools' / 'mutation'
 WORK = Path(os.environ.get('VXTYPES32_MUTATION_DIR', ROOT / 'build-mutation')).resolve()
 SRC, BUILD, RESULTS = WORK / 'src', WORK / 'build', WORK / 'mutants'
-TREE = BUILD  # the build tree whose suite judges the faults
 # "  3/160 Test  #12: name ....   Passed    1.20 sec" or "...***Failed ..."
 RESULT_LINE = re.compile(r'^\s*\d+/\d+ Test\s+#\d+: (\S+) ')
 
@@ -92,10 +91,11 @@ def registries(save):
             shutil.copyfile(copy, reg)
 
 
-def ctest(jobs, cap, log, first_failure=False):
-    """Each test's outcome, True for passed; a run past the cap is cut short."""
+def ctest(tree, jobs, cap, log, first_failure=False):
+    """Each test's outcome in the tree, True for passed; a run past the cap
+    is cut short."""
     stop = ['--stop-on-failure'] if first_failure else []
-    finished = run(['ctest', '--test-dir', TREE, '-j', str(jobs), '--timeout', '300', *stop], log=log,
+    finished = run(['ctest', '--test-dir', tree, '-j', str(jobs), '--timeout', '300', *stop], log=log,
                    timeout=cap) is not None
     stop_wine()
     outcomes = {}
@@ -217,17 +217,19 @@ def main():
         sys.exit(1 if stale else 0)
 
     started = time.time()
-    # The faults are judged by the 32-bit tree's suite (the 64-bit tree runs
-    # the same tests), or by the 64-bit one on a host that runs no 32-bit code.
-    global TREE
-    platform = 'x86' if run([ROOT / 'scripts' / 'runs-32-bit.sh']) == 0 else 'x64'
-    TREE = BUILD if platform == 'x86' else BUILD / 'x64'
+    # The faults are judged by the suite of the first platform this host
+    # builds (both trees run the same tests).
+    listing = subprocess.run([SRC / 'scripts' / 'platforms.sh'], env=dict(os.environ, VXTYPES32_BUILD=str(BUILD)),
+                             capture_output=True, text=True)
+    if listing.returncode != 0:
+        sys.exit(listing.stderr.strip())
+    platform, tree = listing.stdout.splitlines()[0].split(' ', 1)
     print('judged by the %s tree' % platform, flush=True)
     env = dict(os.environ, VXTYPES32_BUILD=str(BUILD), VXTYPES32_PLATFORMS=platform)
     if run([SRC / 'scripts' / 'build.sh'], log=WORK / 'build.log', env=env) != 0:
         sys.exit('the unchanged tree does not build; see %s' % (WORK / 'build.log'))
     clean_started = time.time()
-    baseline, _ = ctest(args.jobs, None, WORK / 'clean.log')
+    baseline, _ = ctest(tree, args.jobs, None, WORK / 'clean.log')
     # A fault that makes the suite hang is stopped at three times a clean run.
     cap = 3 * (time.time() - clean_started) + 300
     registries(save=True)
@@ -248,11 +250,11 @@ def main():
         else:
             patch(p)
             build_log = RESULTS / (p.stem + '.build.log')
-            if run(['cmake', '--build', TREE, '-j', str(args.jobs)], log=build_log) != 0:
+            if run(['cmake', '--build', tree, '-j', str(args.jobs)], log=build_log) != 0:
                 m['killers'] = compile_killers(build_log)
                 m['outcome'] = 'tests' if m['killers'] else 'build'
             else:
-                outcomes, m['finished'] = ctest(args.jobs, cap, RESULTS / (p.stem + '.log'), args.quick)
+                outcomes, m['finished'] = ctest(tree, args.jobs, cap, RESULTS / (p.stem + '.log'), args.quick)
                 m['killers'] = sorted(t for t, ok in outcomes.items() if not ok and baseline.get(t))
                 m['outcome'] = 'tests' if m['killers'] or not m['finished'] else 'survived'
             if not patch(p, '-R'):

@@ -5,20 +5,20 @@
 # and owners, and no time stamp in the compressed stream.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-build=${VXTYPES32_BUILD:-$root/build}
-VXTYPES32_PLATFORMS="x86 x64" VXTYPES32_TARGETS="vxTypes32 vx_manifests" "$root/scripts/build.sh"
+export VXTYPES32_PLATFORMS="x86 x64"
+platforms=$("$root/scripts/platforms.sh")
+VXTYPES32_TARGETS="vxTypes32 vx_manifests" "$root/scripts/build.sh"
+build=$("$root/scripts/platforms.sh" --tree x86)
 
 name=vxTypes32-$(cat "$root/VERSION")
 stage=$build/package/$name
 rm -rf "$stage"
 mkdir -p "$stage/examples"
-for platform in x86 x64; do
-    tree=$build
-    [ $platform = x64 ] && tree=$build/x64
+while read -r platform tree; do
     mkdir -p "$stage/$platform"
     cp "$tree/bin/vxTypes32.dll" "$tree/generated/vxTypes32.tlb" \
        "$tree/bin/vxTypes32.manifest" "$tree/bin/vxTypes32.client.manifest" "$stage/$platform/"
-done
+done <<<"$platforms"
 cp "$root/docs/WINDOWS.md" "$stage/README.md"
 cp "$root"/examples/* "$stage/examples/"
 

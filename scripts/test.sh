@@ -1,26 +1,17 @@
 #!/usr/bin/env bash
-# Builds both DLLs and runs every test of each through CTest: the 32-bit
-# tree in its 32-bit prefix, then the 64-bit tree in its 64-bit prefix,
-# where both DLLs also meet on one registry. A host that runs no 32-bit code
-# builds and tests the 64-bit tree only.
+# Builds the DLL of every platform that scripts/platforms.sh names and runs
+# every test of each tree through CTest, each in its own Wine prefix; the
+# 64-bit tree's prefix also has both DLLs meet on one registry.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-build=${VXTYPES32_BUILD:-$root/build}
 "$root/scripts/build.sh"
-if "$root/scripts/runs-32-bit.sh"; then
-    platforms=${VXTYPES32_PLATFORMS:-x86 x64}
-else
-    platforms=${VXTYPES32_PLATFORMS:-x64}
-    echo "== x86: not built or run: this host runs no 32-bit code (IA-32 emulation is off)"
-fi
+"$root/scripts/platforms.sh" --left-out | sed 's/: /: not built or run: /; s/^/== /'
 status=0
-for platform in $platforms; do
-    tree=$build
-    [ "$platform" = x64 ] && tree=$build/x64
+while read -r platform tree; do
     echo "== $platform: $tree"
-    ctest --test-dir "$tree" --output-on-failure -j "$(nproc)" || status=$?
+    ctest --test-dir "$tree" --output-on-failure -j "$(nproc)" </dev/null || status=$?
     for prefix in "$tree/wineprefix" "$tree/wineprefix-display"; do
         WINEPREFIX=$prefix wineserver -k 2>/dev/null || true
     done
-done
+done < <("$root/scripts/platforms.sh")
 exit $status

@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
-# Runs a Windows program under Wine in the project's private prefix: a
+# Runs a Windows program under Wine in the private prefix that
+# VXTYPES32_WINEPREFIX names (a build tree's wine-run wrapper sets it): a
 # 32-bit prefix (VXTYPES32_WINEARCH=win32, the default) or a 64-bit one
 # (win64), where 64-bit programs and Wine's own system32 programs run on the
 # 64-bit loader and 32-bit programs (or syswow64 ones) on the 32-bit one.
 # Output goes through a file: Wine's helper processes inherit the pipes and
 # would keep a caller (CTest) waiting long after the program has ended.
 set -u
-here=$(cd "$(dirname "$0")" && pwd)
-export WINEPREFIX=${VXTYPES32_WINEPREFIX:-$here/../build/wineprefix}
+export WINEPREFIX=${VXTYPES32_WINEPREFIX:?names no Wine prefix}
 arch=${VXTYPES32_WINEARCH:-win32}
 # No Mono or Gecko installers: the prefix must come up offline and quietly.
 export WINEARCH=$arch WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="

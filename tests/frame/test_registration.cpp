@@ -1,7 +1,8 @@
 // Registration round trips: what DllRegisterServer and the per-user install
 // write, read back from the registry, that unregistering leaves nothing
-// behind, and activation from the manifests with nothing registered. Ends
-// registered, as the script clients expect.
+// behind, and activation from the manifests with nothing registered. Each
+// starts from a registry it cleared itself, and ends registered, as the
+// script clients expect.
 #include "frame/class_table.h"
 #include "frame/registration.h"
 #include "library_identity.h"
@@ -59,6 +60,27 @@ std::vector<marshalled> interfaces_of(const class_entry& c) {
     return found;
 }
 
+// Clears every trace of the library in both scopes and both registry views,
+// whoever left it: the other platform's DLL keeps the shared keys through
+// this one's unregistration.
+void start_unregistered() {
+    const auto clear = [](const std::wstring& parent, const std::wstring& child) {
+        for (HKEY scope : {HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER})
+            for (REGSAM view : {KEY_WOW64_32KEY, KEY_WOW64_64KEY}) {
+                unique_hkey key;
+                if (RegOpenKeyExW(scope, (L"Software\\Classes" + parent).c_str(), 0, KEY_ALL_ACCESS | view,
+                                  key.put()) == ERROR_SUCCESS)
+                    RegDeleteTreeW(key.get(), child.c_str());
+            }
+    };
+    clear(L"\\TypeLib", libid);
+    for (const class_entry& c : class_table()) {
+        clear(L"\\CLSID", guid_text(*c.clsid));
+        clear(L"", prog_id(c));
+        for (const marshalled& i : interfaces_of(c)) clear(L"\\Interface", guid_text(*i.iid));
+    }
+}
+
 void expect_nothing_registered(const char* when) {
     for (const class_entry& c : class_table()) {
         EXPECT_FALSE(key_exists(L"CLSID\\" + guid_text(*c.clsid))) << when << ": " << narrow(c.name);
@@ -95,6 +117,8 @@ void expect_everything_registered(const char* when) {
 }
 
 TEST(Registration, RoundTripLeavesNothingBehindAndEndsRegistered) {
+    start_unregistered();
+    ASSERT_EQ(S_OK, dll().register_server());
     ASSERT_EQ(S_OK, dll().unregister_server());
     EXPECT_EQ(S_OK, dll().unregister_server()) << "unregistering twice";
     expect_nothing_registered("after unregistering twice");
@@ -105,7 +129,7 @@ TEST(Registration, RoundTripLeavesNothingBehindAndEndsRegistered) {
 
 TEST(Registration, PerUserRoundTripWritesNothingMachineWide) {
     ASSERT_TRUE(dll().install);
-    ASSERT_EQ(S_OK, dll().unregister_server());
+    start_unregistered();
     ASSERT_EQ(S_OK, dll().install(TRUE, L"user"));
     unique_hkey user, machine;
     ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(HKEY_CURRENT_USER, L"Software\\Classes", 0, nullptr, 0, KEY_READ,
@@ -124,7 +148,7 @@ TEST(Registration, PerUserRoundTripWritesNothingMachineWide) {
 }
 
 TEST(RegistrationFree, EveryClassActivatesFromTheManifests) {
-    ASSERT_EQ(S_OK, dll().unregister_server());
+    start_unregistered();
     std::wstring folder = dll_path();
     folder.erase(folder.find_last_of(L'\\') + 1);
     const std::wstring manifest = folder + L"vxTypes32.client.manifest";

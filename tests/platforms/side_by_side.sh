@@ -2,7 +2,8 @@
 # The 32-bit and the 64-bit DLL registered on one 64-bit registry, machine-
 # wide and per user: each process bitness gets its own DLL for every ProgID,
 # and unregistering one leaves the other whole.
-# Leaves the 64-bit DLL registered alone, as it found it.
+# Leaves the 64-bit DLL registered alone, as it found it. Judges what each
+# client printed: Wine's cscript ends 0 even when a script stopped at an error.
 # Usage: side_by_side.sh WINE_RUN X86_DLL X64_DLL X86_CLIENT X64_CLIENT
 #                        LIBRARY.types CSCRIPT32 EVERY_CLASS.vbs CLASS_NAMES
 # (CLASS_NAMES by its Windows path, for the script.)
@@ -12,17 +13,26 @@ read -r _ _ libid version _ < <(grep '^library ' "$6")
 winpath() { printf 'Z:%s' "$1" | tr / '\\'; }
 regsvr32_x86() { "$run" 'C:\windows\syswow64\regsvr32.exe' /s "$@" "$(winpath "$x86_dll")"; }
 regsvr32_x64() { "$run" regsvr32 /s "$@" "$(winpath "$x64_dll")"; }
-x86_creates() { "$run" "$x86_client" "$(winpath "$x86_dll")"; }
-x64_creates() { "$run" "$x64_client" "$(winpath "$x64_dll")"; }
-user_key() { "$run" reg query "HKCU\\Software\\Classes\\$1" >/dev/null 2>&1; }
+# Each check prints what it saw, then its answer as its last line.
+answer() { if "$@"; then echo yes; else echo no; fi; }
+creates() {  # yes: every class came from the DLL; no: none did
+    local out
+    out=$("$run" "$1" "$(winpath "$2")" 2>&1)
+    echo "$out"
+    case $(grep -o ' ok \| FAIL ' <<<"$out" | sort -u | tr -d ' \n') in ok) echo yes ;; FAIL) echo no ;; esac
+}
+x86_creates() { creates "$x86_client" "$x86_dll"; }
+x64_creates() { creates "$x64_client" "$x64_dll"; }
+user_key() { answer "$run" reg query "HKCU\\Software\\Classes\\$1"; }
+scripted() { local out; out=$("$@" 2>&1); echo "$out"; answer grep -q '^PASS: ' <<<"$out"; }
 
 failures=0
-expect() {  # expect yes|no WHAT COMMAND...
+expect() {  # expect yes|no WHAT COMMAND...: the answer COMMAND ends with
     local want=$1 what=$2
     shift 2
-    local out got=no
-    out=$("$@" 2>&1) && got=yes
-    if [ "$got" != "$want" ]; then
+    local out
+    out=$("$@" 2>&1)
+    if [ "$(tail -n 1 <<<"$out")" != "$want" ]; then
         failures=$((failures + 1))
         printf 'FAILED: %s\n%s\n' "$what" "$out"
     fi
@@ -35,8 +45,8 @@ expect yes "a 32-bit process creates every class from the 32-bit DLL" x86_create
 x64_print=$(x64_creates | grep '^fingerprint')
 x86_print=$(x86_creates | grep '^fingerprint')
 expect yes "both DLLs compute the same bits ($x64_print, $x86_print)" \
-    test -n "$x64_print" -a "$x64_print" = "$x86_print"
-expect yes "the 32-bit cscript uses every class of the 32-bit DLL" "$cscript32" "$every_class" "$class_names"
+    answer test -n "$x64_print" -a "$x64_print" = "$x86_print"
+expect yes "the 32-bit cscript uses every class of the 32-bit DLL" scripted "$cscript32" "$every_class" "$class_names"
 
 regsvr32_x86 /u
 expect yes "the 64-bit DLL stays registered without the 32-bit one" x64_creates
@@ -63,5 +73,5 @@ expect no "no per-user ProgID stays" user_key "vxTypes32.UserInfo"
 
 regsvr32_x86 /u
 regsvr32_x64
-[ $failures -eq 0 ] && echo "both DLLs side by side on one registry"
+[ $failures -eq 0 ] && echo "PASS: side_by_side, both DLLs on one registry"
 exit $failures

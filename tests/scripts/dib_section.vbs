@@ -30,4 +30,5 @@ Dim masked : Set masked = CreateObject("vxTypes32.clsBitmap")
 Dim noBitmap : noBitmap = 0
 Check masked.SetBitmap(noBitmap) = False And masked.ImageDC = 0, "SetBitmap(0) returns False"
 Check larger.CopyToClipboard(False) = True, "CopyToClipboard(False) copies"
+If failures = 0 Then WScript.Echo "PASS: dib_section.vbs"
 WScript.Quit failures

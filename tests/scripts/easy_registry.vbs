@@ -44,4 +44,5 @@ Check reg.MakeKey("sub") = 0 And reg.CD("sub") = 0 And reg.DirKey(list) = 0 And 
 
 status = reg.CD(scratch)
 Check reg.DeleteKey("sub") = 0 And reg.CD("..") = 0 And reg.DeleteKey("vxTypes32 script tests") = 0, "clean up"
+If failures = 0 Then WScript.Echo "PASS: easy_registry.vbs"
 WScript.Quit failures

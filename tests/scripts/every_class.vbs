@@ -4,10 +4,7 @@
 Option Explicit
 Dim failures : failures = 0
 Sub Check(condition, what)
-    If Not condition Then
-        failures = failures + 1
-        WScript.Echo "FAILED: " & what
-    End If
+    If Not condition Then failures = failures + 1 : WScript.Echo "FAILED: " & what
 End Sub
 
 Dim shell : Set shell = CreateObject("WScript.Shell")
@@ -40,5 +37,5 @@ Dim z : Set z = CreateObject("vxTypes32.CComplexNumber")
 Check z.Init(3, -4).Text = "3-4i", "Text"
 Check CreateObject("vxTypes32.UserInfo").Logon <> "", "Logon"
 
-If failures = 0 Then WScript.Echo "every class, handles of VarType " & handleType
+If failures = 0 Then WScript.Echo "PASS: every_class.vbs, handles of VarType " & handleType
 WScript.Quit failures

@@ -52,4 +52,5 @@ WScript.DisconnectObject sorter
 items = Array(0, 3, 1, 2) : log = ""
 sorter.Sort 3
 Check log = "", "disconnected: no events"
+If failures = 0 Then WScript.Echo "PASS: sort_events.vbs"
 WScript.Quit failures

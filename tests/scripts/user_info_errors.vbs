@@ -12,3 +12,4 @@ If seen <> "122|UserInfo.Logon|Failed to get user logon name.|unchanged" Then
     WScript.Quit 1
 End If
 If Len(user.ComputerName) = 0 Then WScript.Echo "FAILED: ComputerName" : WScript.Quit 1
+WScript.Echo "PASS: user_info_errors.vbs"
