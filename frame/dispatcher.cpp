@@ -40,6 +40,15 @@ bool is_missing(const VARIANT& argument) {
     return V_VT(&argument) == VT_ERROR && V_ERROR(&argument) == DISP_E_PARAMNOTFOUND;
 }
 
+// A record, by value, by reference or in a Variant variable. It goes to a
+// record parameter only: converting or copying it for any other would take
+// the platform's record support, which 64-bit Wine cannot give ours.
+bool holds_record(const VARIANT& argument) {
+    VARTYPE type = V_VT(&argument);
+    if (type == (VT_BYREF | VT_VARIANT) && V_VARIANTREF(&argument)) type = V_VT(V_VARIANTREF(&argument));
+    return (type & ~VT_BYREF) == VT_RECORD;
+}
+
 // The address of the value a VARIANT of this type holds.
 void* value_address(VARIANT& v) {
     if (V_VT(&v) == VT_VARIANT) return &v;
@@ -115,6 +124,7 @@ public:
             }
             return coerce_in_place(k, param);
         }
+        if (param.type != VT_RECORD && holds_record(*argument)) return DISP_E_TYPEMISMATCH;
         if (!param.by_reference && !param.interface_id && param.type != VT_VARIANT) {
             // A value of exactly the parameter's type is read where it lies:
             // a member never frees or changes what it takes by value.
