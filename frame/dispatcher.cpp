@@ -96,7 +96,10 @@ void default_value(const member_param& param, VARIANT& value) {
 class prepared_call {
 public:
     explicit prepared_call(unsigned count) : count_(count) {
-        for (unsigned k = 0; k < count_; ++k) V_VT(&temporaries_[k]) = VT_EMPTY;
+        for (unsigned k = 0; k < count_; ++k) {
+            V_VT(&temporaries_[k]) = VT_EMPTY;
+            write_back_[k] = nullptr;
+        }
     }
     prepared_call(const prepared_call&) = delete;
     prepared_call& operator=(const prepared_call&) = delete;
@@ -216,10 +219,12 @@ private:
         return S_OK;
     }
 
+    // Only the slots of the member's own parameters are set, so that a call
+    // costs what its parameters need, not what the longest member takes.
     unsigned count_;
     VARIANT temporaries_[max_params];
-    void* addresses_[max_params] = {};
-    VARIANT* write_back_[max_params] = {};
+    void* addresses_[max_params];
+    VARIANT* write_back_[max_params];
 };
 
 void fill_exception(EXCEPINFO* exception, HRESULT hr) {
@@ -243,8 +248,9 @@ HRESULT invoke_member(const interface_members& members, IDispatch* object, unsig
 
     // Where each parameter's argument is: positional ones in reverse order
     // after the named ones; the value of a put is the last parameter.
-    VARIANT* arguments[max_params] = {};
-    UINT positions[max_params] = {};
+    VARIANT* arguments[max_params];
+    UINT positions[max_params];
+    for (unsigned k = 0; k < member.param_count; ++k) arguments[k] = nullptr;
     for (UINT p = 0; p < positional; ++p) {
         positions[p] = params->cArgs - 1 - p;
         arguments[p] = &params->rgvarg[positions[p]];
