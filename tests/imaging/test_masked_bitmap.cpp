@@ -83,9 +83,14 @@ TEST(MaskedBitmap, MaskAndInvertedImageAreBuiltOnceFromTheImage) {
     DeleteObject(bitmap);
 }
 
-TEST(MaskedBitmap, RefusedBitmapsReleaseEveryDC) {
+// Only a bitmap that can be selected is taken; a refusal leaves the object
+// as it was: its DCs, the mask already built and the size.
+TEST(MaskedBitmap, ARefusedHandleLeavesTheObjectAsItWas) {
     com_ptr<_clsBitmap> masked = create<_clsBitmap>(CLSID_clsBitmap, IID__clsBitmap);
-    HBITMAP bitmap = client_bitmap(), second = client_bitmap(8, 4);
+    const auto font = static_cast<HBITMAP>(GetStockObject(DEFAULT_GUI_FONT));
+    EXPECT_FALSE(set_bitmap(masked.get(), font)) << "a font, on a new object";
+    EXPECT_TRUE(dc_of(masked.get(), &_clsBitmap::get_ImageDC) == nullptr && width_of(masked.get()) == 0);
+    HBITMAP bitmap = client_bitmap(), second = client_bitmap(8, 4), elsewhere = client_bitmap(4, 2);
     ASSERT_TRUE(set_bitmap(masked.get(), bitmap));
     const HDC first_image = dc_of(masked.get(), &_clsBitmap::get_ImageDC);
     const HDC mask = dc_of(masked.get(), &_clsBitmap::get_MaskDC);
@@ -93,21 +98,39 @@ TEST(MaskedBitmap, RefusedBitmapsReleaseEveryDC) {
 
     // A second bitmap replaces the image and the size; the mask stays.
     ASSERT_TRUE(set_bitmap(masked.get(), second));
-    EXPECT_NE(first_image, dc_of(masked.get(), &_clsBitmap::get_ImageDC));
+    const HDC image = dc_of(masked.get(), &_clsBitmap::get_ImageDC);
+    EXPECT_NE(first_image, image);
     EXPECT_EQ(8, width_of(masked.get()));
     EXPECT_EQ(mask, dc_of(masked.get(), &_clsBitmap::get_MaskDC)) << "the mask of the earlier bitmap stays";
     EXPECT_EQ(bitmap, GetCurrentObject(first_image, OBJ_BITMAP)) << "the earlier bitmap stays selected";
 
-    // Still selected in the earlier image DC: the platform refuses it again.
-    EXPECT_FALSE(set_bitmap(masked.get(), bitmap)) << "a bitmap selected elsewhere";
-    EXPECT_EQ(nullptr, dc_of(masked.get(), &_clsBitmap::get_ImageDC)) << "every DC released";
-    EXPECT_EQ(32, width_of(masked.get())) << "the size just read stays";
-    EXPECT_EQ(0u, GetObjectType(mask) + GetObjectType(first_image)) << "the mask and the earlier image DC are gone";
-
-    EXPECT_FALSE(set_bitmap(masked.get(), nullptr)) << "SetBitmap(0)";
-    EXPECT_EQ(nullptr, dc_of(masked.get(), &_clsBitmap::get_ImageDC));
-    EXPECT_EQ(32, width_of(masked.get())) << "GetObjectA refused: the size is not read";
-    for (HBITMAP b : {bitmap, second}) {
+    HDC client_dc = CreateCompatibleDC(nullptr);
+    HGDIOBJ client_old = SelectObject(client_dc, elsewhere);
+    const struct {
+        HGDIOBJ handle;
+        const char* what;
+    } refused[] = {{font, "a font"},
+                   {GetStockObject(BLACK_BRUSH), "a brush"},
+                   {elsewhere, "a bitmap selected into the client's DC"},
+                   {bitmap, "a bitmap still selected in the earlier image DC"},
+                   {nullptr, "no handle"}};
+    for (const auto& r : refused) {
+        EXPECT_FALSE(set_bitmap(masked.get(), static_cast<HBITMAP>(r.handle))) << r.what;
+        LONG height = 0;
+        masked->get_Height(&height);
+        EXPECT_TRUE(width_of(masked.get()) == 8 && height == 4) << r.what << ": the size stays";
+        EXPECT_EQ(image, dc_of(masked.get(), &_clsBitmap::get_ImageDC)) << r.what;
+        EXPECT_EQ(second, GetCurrentObject(image, OBJ_BITMAP)) << r.what;
+        EXPECT_EQ(mask, dc_of(masked.get(), &_clsBitmap::get_MaskDC)) << r.what;
+    }
+    SelectObject(client_dc, client_old);
+    DeleteDC(client_dc);
+    EXPECT_TRUE(set_bitmap(masked.get(), elsewhere)) << "taken once the client's DC has let it go";
+    EXPECT_EQ(4, width_of(masked.get()));
+    masked.reset();
+    EXPECT_EQ(0u, GetObjectType(mask) + GetObjectType(first_image) + GetObjectType(image))
+        << "the instance's end releases every DC";
+    for (HBITMAP b : {bitmap, second, elsewhere}) {
         BITMAP record = {};
         EXPECT_NE(0, GetObjectW(b, sizeof record, &record)) << "the client's bitmaps survive";
         DeleteObject(b);
