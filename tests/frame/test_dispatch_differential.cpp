@@ -51,11 +51,10 @@ struct call_outcome {
 
 std::wstring describe(const VARIANT& value) {
     std::wostringstream text;
-    text << L"vt=" << V_VT(&value);
-    if (V_VT(&value) == VT_RECORD) return text.str();  // copying one is what crashes 64-bit Wine
     VARIANT plain;
     VariantInit(&plain);
     VariantCopyInd(&plain, const_cast<VARIANT*>(&value));
+    text << L"vt=" << V_VT(&value);
     if (V_VT(&plain) == VT_DISPATCH || V_VT(&plain) == VT_UNKNOWN) {
         text << (V_UNKNOWN(&plain) ? L" object" : L" nothing");
     } else if (V_VT(&plain) != VT_EMPTY && V_VT(&plain) != VT_NULL && !(V_VT(&plain) & VT_ARRAY)) {
@@ -196,22 +195,18 @@ argument by_reference(VARTYPE type, int which, IDispatch* object, bool as_varian
             }};
 }
 
-// A record of the library, new and empty: no member takes one.
-argument record(IRecordInfo* info, bool in_variant_variable) {
-    return {in_variant_variable ? "record in a variant variable" : "record",
+// A record of the library, of numbers only: no member takes one.
+argument record(IRecordInfo* info, bool in_variable) {
+    return {in_variable ? "record in a variant variable" : "record",
             [=](VARIANT& slot, std::vector<std::shared_ptr<VARIANT>>& storage) {
                 V_VT(&slot) = VT_RECORD;
                 V_RECORDINFO(&slot) = info;
                 V_RECORD(&slot) = info->RecordCreate();
                 info->AddRef();
-                if (!in_variant_variable) return;
-                auto variable = std::shared_ptr<VARIANT>(new VARIANT(slot), [](VARIANT* v) {
-                    VariantClear(v);
-                    delete v;
-                });
-                storage.push_back(variable);
+                if (!in_variable) return;
+                storage.emplace_back(new VARIANT(slot), [](VARIANT* v) { VariantClear(v), delete v; });
                 V_VT(&slot) = VT_BYREF | VT_VARIANT;
-                V_VARIANTREF(&slot) = variable.get();
+                V_VARIANTREF(&slot) = storage.back().get();
             }};
 }
 
@@ -238,7 +233,7 @@ enum class departure {
     // a temporary; Wine refuses it with DISP_E_TYPEMISMATCH.
     value_for_variant_reference,
     // A record where another type is declared: Windows refuses it with
-    // DISP_E_TYPEMISMATCH; 64-bit Wine's conversion of it crashes.
+    // DISP_E_TYPEMISMATCH; 64-bit Wine crashes, so its path never gets one.
     record_for_another_type,
 };
 
@@ -370,14 +365,12 @@ TEST(DispatchDifferential, EveryMemberAgreesWithTheTypeLibraryPath) {
     // display it would wait for a user.
     box_dismisser boxes;
     com_ptr<IDispatch> other_class = create<IDispatch>(*class_table_begin()->clsid, IID_IDispatch);
-    com_ptr<ITypeInfo> anchor_info, record_info;
     com_ptr<ITypeLib> library;
-    UINT index = 0;
-    ASSERT_EQ(S_OK, other_class->GetTypeInfo(0, 0, anchor_info.put()));
-    ASSERT_EQ(S_OK, anchor_info->GetContainingTypeLib(library.put(), &index));
-    ASSERT_EQ(S_OK, library->GetTypeInfoOfGuid(GUID_IPDataRecord, record_info.put()));
+    com_ptr<ITypeInfo> record_info;
     com_ptr<IRecordInfo> a_record;
-    ASSERT_EQ(S_OK, GetRecordInfoFromTypeInfo(record_info.get(), a_record.put()));
+    ASSERT_TRUE(SUCCEEDED(LoadTypeLibEx(dll_path().c_str(), REGKIND_NONE, library.put())) &&
+                SUCCEEDED(library->GetTypeInfoOfGuid(GUID_Veltrax_point_transform, record_info.put())) &&
+                SUCCEEDED(GetRecordInfoFromTypeInfo(record_info.get(), a_record.put())));
     unsigned compared = 0;
     for (const class_entry& entry : class_table()) {
         const interface_members& members = *entry.members;
@@ -401,7 +394,6 @@ TEST(DispatchDifferential, EveryMemberAgreesWithTheTypeLibraryPath) {
                 const written_back_hook settle = settle_for(entry, member);
                 for (const shape& s :
                      battery(member, *entry.interface_id, same_class.get(), other_class.get(), a_record.get())) {
-                    // A record is never handed to the platform's path.
                     if (s.from_wine == departure::record_for_another_type && !reaches(flags, member)) continue;
                     const std::string label = name + " flags " + std::to_string(flags) + ", " + s.label;
                     const call_outcome actual = call(ours, member.dispid, flags, s.arguments, named_put, settle);

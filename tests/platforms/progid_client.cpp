@@ -38,21 +38,16 @@ struct fingerprint {
     }
 };
 
-// Marshals the object's default interface to a thread of the
-// multithreaded apartment, which calls it through the proxy; this thread
-// serves the call meanwhile.
-struct crossing {
-    IStream* stream;
-    IID iid;
-    HRESULT result;
-};
+// The object's default interface, called through a proxy from the
+// multithreaded apartment while this thread serves the call.
+struct crossing { IStream* stream; IID iid; HRESULT result; };
 
 DWORD WINAPI call_from_another_apartment(void* parameter) {
     auto* c = static_cast<crossing*>(parameter);
     CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     vx::com_ptr<IDispatch> proxy;
-    c->result = CoGetInterfaceAndReleaseStream(c->stream, c->iid, proxy.put_void());
     UINT count = 0;
+    c->result = CoGetInterfaceAndReleaseStream(c->stream, c->iid, proxy.put_void());
     if (SUCCEEDED(c->result)) c->result = proxy->GetTypeInfoCount(&count);
     proxy.reset();
     CoUninitialize();
@@ -62,9 +57,8 @@ DWORD WINAPI call_from_another_apartment(void* parameter) {
 HRESULT crosses_apartments(IUnknown* object, REFIID iid) {
     crossing c = {nullptr, iid, E_UNEXPECTED};
     HRESULT hr = CoMarshalInterThreadInterfaceInStream(iid, object, &c.stream);
-    if (FAILED(hr)) return hr;
-    HANDLE thread = CreateThread(nullptr, 0, call_from_another_apartment, &c, 0, nullptr);
-    if (!thread) return HRESULT_FROM_WIN32(GetLastError());
+    HANDLE thread = SUCCEEDED(hr) ? CreateThread(nullptr, 0, call_from_another_apartment, &c, 0, nullptr) : nullptr;
+    if (!thread) return FAILED(hr) ? hr : HRESULT_FROM_WIN32(GetLastError());
     DWORD index = 0;
     hr = CoWaitForMultipleHandles(0, INFINITE, 1, &thread, &index);
     CloseHandle(thread);
@@ -126,8 +120,7 @@ int wmain(int argc, wchar_t** argv) {
     wchar_t expected[MAX_PATH] = {};
     GetFullPathNameW(argv[1], MAX_PATH, expected, nullptr);
     if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return 100;
-    // Windows has the VB runtime's library registered; under Wine the
-    // marshaller needs its stand-in for cDIBSection's raster operations.
+    // Wine's marshaller needs the VB runtime's library (Windows has it) for cDIBSection.
     vx::com_ptr<ITypeLib> standin;
     LoadTypeLibEx(VX_STANDIN_TYPELIB, REGKIND_REGISTER, standin.put());
     int failures = 0;
