@@ -84,11 +84,15 @@ struct dispatch_figures {
     double vtable, ours, type_info;
 };
 
+// Every figure names the bitness it was measured in: the two DLLs' costs
+// differ, and each is compared within its own process only.
+const char* const bitness = sizeof(void*) == 8 ? "64-bit" : "32-bit";
+
 void print(const char* what, const dispatch_figures& f) {
     std::printf("  %s\n", what);
-    std::printf("    through the vtable:               %8.1f ns\n", f.vtable);
-    std::printf("    through our IDispatch::Invoke:    %8.1f ns\n", f.ours);
-    std::printf("    through ITypeInfo::Invoke:        %8.1f ns   (ours is %.1fx faster)\n", f.type_info,
+    std::printf("    %s through the vtable:               %8.1f ns\n", bitness, f.vtable);
+    std::printf("    %s through our IDispatch::Invoke:    %8.1f ns\n", bitness, f.ours);
+    std::printf("    %s through ITypeInfo::Invoke:        %8.1f ns   (ours is %.1fx faster)\n", bitness, f.type_info,
                 f.type_info / f.ours);
 }
 
@@ -148,18 +152,16 @@ void compare_dispatchers(ITypeLib* library) {
     }
 }
 
-}  // namespace
-
-int main() {
-    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+// Loads and registers the DLL beside the program, registers the stand-in
+// for the VB runtime's library, and loads our type library; null on failure.
+vx::com_ptr<ITypeLib> prepare() {
     HMODULE dll = LoadLibraryW(L"vxTypes32.dll");
     auto register_server = reinterpret_cast<HRESULT(STDAPICALLTYPE*)()>(
         reinterpret_cast<void*>(GetProcAddress(dll, "DllRegisterServer")));
     if (!register_server || FAILED(register_server())) {
         std::puts("vxTypes32.dll could not be loaded and registered");
-        return 1;
+        return nullptr;
     }
-
     // The type-library path resolves the raster-operation enumeration
     // through the registry: the stand-in for the VB runtime's library.
     vx::com_ptr<ITypeLib> standin;
@@ -167,23 +169,21 @@ int main() {
     vx::com_ptr<ITypeLib> library;
     if (FAILED(LoadTypeLibEx(L"vxTypes32.dll", REGKIND_NONE, library.put()))) {
         std::puts("the type library could not be loaded");
-        return 1;
+        return nullptr;
     }
+    return library;
+}
 
-    vx::com_ptr<_UserInfo> user;
-    if (FAILED(CoCreateInstance(CLSID_UserInfo, nullptr, CLSCTX_INPROC_SERVER, IID__UserInfo, user.put_void()))) {
-        std::puts("UserInfo could not be created");
-        return 1;
-    }
+const char* wine_version() {
+    using version_function = const char* (*)();
+    const auto get = reinterpret_cast<version_function>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version")));
+    return get ? get() : "none";
+}
 
-    std::printf("vxTypes32 call costs (Wine %s, 32-bit prefix)\n",
-                GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version")
-                    ? reinterpret_cast<const char* (*)()>(reinterpret_cast<void*>(
-                          GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version")))()
-                    : "none");
-
-    compare_dispatchers(library.get());
-
+// A member that does real work (UserInfo.Logon), each way: the difference
+// is what late binding adds.
+void late_binding_cost(_UserInfo* user) {
     const long calls = 20000;
     const double vtable = ns_per_call(calls, [&] {
         VARIANT result;
@@ -197,30 +197,30 @@ int main() {
         sink = user->Invoke(0, IID_NULL, 0, DISPATCH_PROPERTYGET, &none, &result, nullptr, nullptr);
         VariantClear(&result);
     });
-    // The member itself does the same work both ways; the difference is what
-    // late binding adds.
-    std::printf("  Logon through the vtable:          %8.1f ns\n", vtable);
-    std::printf("  Logon through IDispatch::Invoke:   %8.1f ns\n", invoke);
-    std::printf("  late binding adds:                 %8.1f ns (%.1fx the vtable call)\n", invoke - vtable,
-                invoke / vtable);
+    std::printf("  %s Logon through the vtable:          %8.1f ns\n", bitness, vtable);
+    std::printf("  %s Logon through IDispatch::Invoke:   %8.1f ns\n", bitness, invoke);
+    std::printf("  %s late binding adds:                 %8.1f ns (%.1fx the vtable call)\n", bitness,
+                invoke - vtable, invoke / vtable);
+}
 
+// A bare vtable call, and making and releasing an instance with and
+// without the registry look-ups.
+void creation_costs() {
+    const long calls = 20000;
     vx::com_ptr<IDispatch> anchor;
     CoCreateInstance(CLSID_Class_vxTypes32, nullptr, CLSCTX_INPROC_SERVER, IID_IDispatch, anchor.put_void());
     const double bare_vtable = ns_per_call(calls * 50, [&] {
         UINT count = 0;
         sink = anchor->GetTypeInfoCount(&count);
     });
-    std::printf("  a bare vtable call:                %8.1f ns\n", bare_vtable);
-
+    std::printf("  %s a bare vtable call:                %8.1f ns\n", bitness, bare_vtable);
     const double create = ns_per_call(calls / 50, [&] {
         IDispatch* object = nullptr;
         sink = CoCreateInstance(CLSID_Class_vxTypes32, nullptr, CLSCTX_INPROC_SERVER, IID_IDispatch,
                                 reinterpret_cast<void**>(&object));
         if (object) object->Release();
     });
-    std::printf("  CoCreateInstance + Release:        %8.1f ns\n", create);
-
-    // The same without the registry look-ups: the component's own share.
+    std::printf("  %s CoCreateInstance + Release:        %8.1f ns\n", bitness, create);
     vx::com_ptr<IClassFactory> factory;
     CoGetClassObject(CLSID_Class_vxTypes32, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory, factory.put_void());
     const double create_direct = ns_per_call(calls, [&] {
@@ -228,11 +228,26 @@ int main() {
         sink = factory->CreateInstance(nullptr, IID_IDispatch, reinterpret_cast<void**>(&object));
         if (object) object->Release();
     });
-    std::printf("  IClassFactory::CreateInstance + Release: %8.1f ns\n", create_direct);
-    factory.reset();
+    std::printf("  %s IClassFactory::CreateInstance + Release: %8.1f ns\n", bitness, create_direct);
+}
 
-    user.reset();
-    anchor.reset();
+}  // namespace
+
+int main() {
+    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    {
+        vx::com_ptr<ITypeLib> library = prepare();
+        if (!library) return 1;
+        vx::com_ptr<_UserInfo> user;
+        if (FAILED(CoCreateInstance(CLSID_UserInfo, nullptr, CLSCTX_INPROC_SERVER, IID__UserInfo, user.put_void()))) {
+            std::puts("UserInfo could not be created");
+            return 1;
+        }
+        std::printf("vxTypes32 call costs (Wine %s, %s process)\n", wine_version(), bitness);
+        compare_dispatchers(library.get());
+        late_binding_cost(user.get());
+        creation_costs();
+    }
     CoUninitialize();
     return 0;
 }

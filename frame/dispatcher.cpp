@@ -40,6 +40,15 @@ bool is_missing(const VARIANT& argument) {
     return V_VT(&argument) == VT_ERROR && V_ERROR(&argument) == DISP_E_PARAMNOTFOUND;
 }
 
+// A record, by value, by reference or in a Variant variable. It goes to a
+// record parameter only: converting or copying it for any other would take
+// the platform's record support, which 64-bit Wine cannot give ours.
+bool holds_record(const VARIANT& argument) {
+    VARTYPE type = V_VT(&argument);
+    if (type == (VT_BYREF | VT_VARIANT) && V_VARIANTREF(&argument)) type = V_VT(V_VARIANTREF(&argument));
+    return (type & ~VT_BYREF) == VT_RECORD;
+}
+
 // The address of the value a VARIANT of this type holds.
 void* value_address(VARIANT& v) {
     if (V_VT(&v) == VT_VARIANT) return &v;
@@ -87,7 +96,10 @@ void default_value(const member_param& param, VARIANT& value) {
 class prepared_call {
 public:
     explicit prepared_call(unsigned count) : count_(count) {
-        for (unsigned k = 0; k < count_; ++k) V_VT(&temporaries_[k]) = VT_EMPTY;
+        for (unsigned k = 0; k < count_; ++k) {
+            V_VT(&temporaries_[k]) = VT_EMPTY;
+            write_back_[k] = nullptr;
+        }
     }
     prepared_call(const prepared_call&) = delete;
     prepared_call& operator=(const prepared_call&) = delete;
@@ -115,6 +127,7 @@ public:
             }
             return coerce_in_place(k, param);
         }
+        if (param.type != VT_RECORD && holds_record(*argument)) return DISP_E_TYPEMISMATCH;
         if (!param.by_reference && !param.interface_id && param.type != VT_VARIANT) {
             // A value of exactly the parameter's type is read where it lies:
             // a member never frees or changes what it takes by value.
@@ -206,10 +219,12 @@ private:
         return S_OK;
     }
 
+    // Only the slots of the member's own parameters are set, so that a call
+    // costs what its parameters need, not what the longest member takes.
     unsigned count_;
     VARIANT temporaries_[max_params];
-    void* addresses_[max_params] = {};
-    VARIANT* write_back_[max_params] = {};
+    void* addresses_[max_params];
+    VARIANT* write_back_[max_params];
 };
 
 void fill_exception(EXCEPINFO* exception, HRESULT hr) {
@@ -233,8 +248,9 @@ HRESULT invoke_member(const interface_members& members, IDispatch* object, unsig
 
     // Where each parameter's argument is: positional ones in reverse order
     // after the named ones; the value of a put is the last parameter.
-    VARIANT* arguments[max_params] = {};
-    UINT positions[max_params] = {};
+    VARIANT* arguments[max_params];
+    UINT positions[max_params];
+    for (unsigned k = 0; k < member.param_count; ++k) arguments[k] = nullptr;
     for (UINT p = 0; p < positional; ++p) {
         positions[p] = params->cArgs - 1 - p;
         arguments[p] = &params->rgvarg[positions[p]];

@@ -1,4 +1,4 @@
-// The DLL's entry point and its four exports.
+// The DLL's entry point and its five exports.
 #include "frame/class_factory.h"
 #include "frame/class_table.h"
 #include "frame/compiler_runtime.h"
@@ -42,10 +42,11 @@ extern "C" HRESULT STDAPICALLTYPE DllUnregisterServer() {
 }
 
 // "regsvr32 /n /i:user" registers for the current user alone, and
-// "regsvr32 /u /n /i:user" removes that; any other command line acts
-// machine-wide, as DllRegisterServer and DllUnregisterServer do.
+// "regsvr32 /u /n /i:user" removes that. The command line is that one word,
+// in any case; any other, or none, is refused with E_INVALIDARG and
+// nothing is written.
 extern "C" HRESULT STDAPICALLTYPE DllInstall(BOOL install, LPCWSTR command_line) {
-    const bool user = command_line && CompareStringOrdinal(command_line, -1, L"user", -1, TRUE) == CSTR_EQUAL;
-    const vx::registration_scope scope = user ? vx::registration_scope::user : vx::registration_scope::machine;
-    return install ? vx::register_server(scope) : vx::unregister_server(scope);
+    if (!command_line || CompareStringOrdinal(command_line, -1, L"user", -1, TRUE) != CSTR_EQUAL) return E_INVALIDARG;
+    return install ? vx::register_server(vx::registration_scope::user)
+                   : vx::unregister_server(vx::registration_scope::user);
 }

@@ -1,5 +1,6 @@
 #include "frame/registration.h"
 
+#include "frame/automation_error.h"
 #include "frame/class_table.h"
 #include "frame/handles.h"
 #include "frame/module.h"
@@ -8,8 +9,19 @@
 
 #include <olectl.h>
 
+#include <algorithm>
+#include <set>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
+
+// Both scopes are written from the rows, the library's keys included, and
+// nothing is left to the platform's RegisterTypeLib or UnRegisterTypeLib:
+// those write and remove the interface keys of both registry views (Wine's
+// do), so unregistering one build took the other's interfaces with it, and
+// what they write cannot be undone when a later step fails. For the current
+// user Wine's versions write machine-wide besides.
 
 namespace vx {
 
@@ -20,80 +32,32 @@ namespace {
 constexpr const wchar_t* automation_proxy_stub = L"{00020424-0000-0000-C000-000000000046}";
 constexpr const wchar_t* dispatch_proxy_stub = L"{00020420-0000-0000-C000-000000000046}";
 
-// Where the classes are written, and whether the platform's type-library
-// registration can be used there.
-class classes_root {
-public:
-    explicit classes_root(registration_scope scope) : scope_(scope) {
-        if (scope == registration_scope::machine) {
-            root_ = HKEY_CLASSES_ROOT;
-            return;
-        }
-        // Wine's HKEY_CLASSES_ROOT and RegisterTypeLibForUser both write
-        // machine-wide, so the per-user keys are written here directly.
-        RegCreateKeyExW(HKEY_CURRENT_USER, L"Software\\Classes", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
-                        user_classes_.put(), nullptr);
-        root_ = user_classes_.get();
-    }
-    HKEY get() const { return root_; }
-    explicit operator bool() const { return root_ != nullptr; }
-    bool machine() const { return scope_ == registration_scope::machine; }
+// Machine-wide registration goes to HKEY_LOCAL_MACHINE rather than
+// HKEY_CLASSES_ROOT, whose writes land in the user's keys where those exist.
+HKEY base_of(registration_scope scope) {
+    return scope == registration_scope::machine ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER;
+}
+const std::wstring classes_key = L"Software\\Classes\\";
 
-private:
-    registration_scope scope_;
-    unique_hkey user_classes_;
-    HKEY root_ = nullptr;
-};
+SYSKIND other_platform(SYSKIND platform) { return platform == SYS_WIN64 ? SYS_WIN32 : SYS_WIN64; }
 
-bool set_string(HKEY root, const std::wstring& path, const wchar_t* name, const std::wstring& value) {
-    unique_hkey key;
-    if (RegCreateKeyExW(root, path.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr, key.put(), nullptr) != ERROR_SUCCESS)
-        return false;
-    const auto bytes = static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t));
-    return RegSetValueExW(key.get(), name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()), bytes) ==
-           ERROR_SUCCESS;
+// Named explicitly, so that either build can write the other's view; a
+// system with one view ignores the flag.
+REGSAM view_of(SYSKIND platform) { return platform == SYS_WIN64 ? KEY_WOW64_64KEY : KEY_WOW64_32KEY; }
+
+std::vector<REGSAM> views_of(registry_views views, SYSKIND platform) {
+    if (views == registry_views::module) return {view_of(platform)};
+    return {view_of(platform), view_of(other_platform(platform))};
 }
 
-bool delete_tree(HKEY root, const std::wstring& path) {
-    const LSTATUS status = RegDeleteTreeW(root, path.c_str());
-    return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND;
-}
-
-bool key_exists(HKEY root, const std::wstring& path) {
-    unique_hkey key;
-    return RegOpenKeyExW(root, path.c_str(), 0, KEY_READ, key.put()) == ERROR_SUCCESS;
-}
-
-// Removes a key only when nothing is left under it.
-void delete_if_empty(HKEY root, const std::wstring& path) {
-    unique_hkey key;
-    if (RegOpenKeyExW(root, path.c_str(), 0, KEY_READ, key.put()) != ERROR_SUCCESS) return;
-    DWORD subkeys = 0, values = 0;
-    if (RegQueryInfoKeyW(key.get(), nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, &values, nullptr,
-                         nullptr, nullptr, nullptr) != ERROR_SUCCESS)
-        return;
-    key.reset();
-    if (subkeys == 0 && values == 0) RegDeleteKeyW(root, path.c_str());
+HRESULT failure_of(registration_part part) {
+    return part == registration_part::type_library ? SELFREG_E_TYPELIB : SELFREG_E_CLASS;
 }
 
 struct library_facts {
     TLIBATTR attributes{};
     std::wstring libid, version, name;
 };
-
-const wchar_t* syskind_name(SYSKIND kind) { return kind == SYS_WIN64 ? L"win64" : L"win32"; }
-
-// The key under a library's version that holds its path on one platform;
-// a 32-bit and a 64-bit build of the library share the version key.
-std::wstring platform_subkey(const library_facts& facts, SYSKIND kind) {
-    wchar_t lcid[16];
-    wsprintfW(lcid, L"%lx", facts.attributes.lcid);
-    return std::wstring(lcid) + L"\\" + syskind_name(kind);
-}
-
-SYSKIND other_platform(const library_facts& facts) {
-    return facts.attributes.syskind == SYS_WIN64 ? SYS_WIN32 : SYS_WIN64;
-}
 
 library_facts facts_of(ITypeLib* library) {
     library_facts facts;
@@ -111,6 +75,190 @@ library_facts facts_of(ITypeLib* library) {
     library->GetDocumentation(-1, name.put(), nullptr, nullptr, nullptr);
     facts.name = name.get() ? name.get() : L"";
     return facts;
+}
+
+// The key under the library's version that holds one platform's path.
+std::wstring path_key(const library_facts& facts, SYSKIND platform) {
+    wchar_t lcid[16];
+    wsprintfW(lcid, L"%lx", facts.attributes.lcid);
+    return L"TypeLib\\" + facts.libid + L"\\" + facts.version + L"\\" + lcid +
+           (platform == SYS_WIN64 ? L"\\win64" : L"\\win32");
+}
+
+std::wstring name_of(ITypeInfo* info) {
+    unique_bstr name;
+    if (FAILED(info->GetDocumentation(MEMBERID_NIL, name.put(), nullptr, nullptr, nullptr)) || !name.get())
+        return L"";
+    return name.get();
+}
+
+// The string value, or empty when there is none.
+std::wstring read_string(HKEY base, REGSAM view, const std::wstring& key) {
+    unique_hkey opened;
+    if (RegOpenKeyExW(base, (classes_key + key).c_str(), 0, KEY_QUERY_VALUE | view, opened.put()) != ERROR_SUCCESS)
+        return L"";
+    DWORD type = 0, bytes = 0;
+    if (RegQueryValueExW(opened.get(), nullptr, nullptr, &type, nullptr, &bytes) != ERROR_SUCCESS || type != REG_SZ)
+        return L"";
+    std::wstring value(bytes / sizeof(wchar_t) + 1, L'\0');
+    bytes = static_cast<DWORD>(value.size() * sizeof(wchar_t));
+    if (RegQueryValueExW(opened.get(), nullptr, nullptr, &type, reinterpret_cast<BYTE*>(value.data()), &bytes) !=
+        ERROR_SUCCESS)
+        return L"";
+    value.resize(wcsnlen(value.c_str(), value.size()));
+    return value;
+}
+
+// Writes values and notes what each write created or replaced, so that a
+// failed registration puts back exactly what it found.
+class registry_journal {
+public:
+    explicit registry_journal(HKEY base) : base_(base) {}
+    registry_journal(const registry_journal&) = delete;
+    registry_journal& operator=(const registry_journal&) = delete;
+    ~registry_journal() {
+        if (!committed_) undo();
+    }
+
+    bool set(REGSAM view, const std::wstring& key, const std::wstring& name, const std::wstring& value) {
+        unique_hkey opened;
+        if (!create(view, key, opened)) return false;
+        change before{view, classes_key + key, name, false, false, 0, {}};
+        DWORD bytes = 0;
+        const LSTATUS found = RegQueryValueExW(opened.get(), name.c_str(), nullptr, &before.type, nullptr, &bytes);
+        if (found == ERROR_SUCCESS) {
+            before.data.resize(bytes);
+            if (RegQueryValueExW(opened.get(), name.c_str(), nullptr, &before.type, before.data.data(), &bytes) !=
+                ERROR_SUCCESS)
+                return false;
+            before.existed = true;
+        } else if (found != ERROR_FILE_NOT_FOUND) {
+            return false;
+        }
+        changes_.push_back(std::move(before));
+        const auto size = static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t));
+        return RegSetValueExW(opened.get(), name.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
+                              size) == ERROR_SUCCESS;
+    }
+
+    void commit() { committed_ = true; }
+
+private:
+    // A value as it was before this call wrote it, or a key this call made.
+    struct change {
+        REGSAM view;
+        std::wstring path, name;
+        bool existed;
+        bool key_created;
+        DWORD type;
+        std::vector<BYTE> data;
+    };
+
+    // Level by level, so that every key this call makes is noted.
+    bool create(REGSAM view, const std::wstring& key, unique_hkey& opened) {
+        for (size_t end = key.find(L'\\');; end = key.find(L'\\', end + 1)) {
+            const bool last = end == std::wstring::npos;
+            const std::wstring path = classes_key + key.substr(0, end);
+            if (!last && seen_.count({view, path})) continue;
+            unique_hkey level;
+            DWORD disposition = 0;
+            const REGSAM access = KEY_QUERY_VALUE | (last ? KEY_SET_VALUE : 0) | view;
+            if (RegCreateKeyExW(base_, path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, access, nullptr, level.put(),
+                                &disposition) != ERROR_SUCCESS)
+                return false;
+            if (disposition == REG_CREATED_NEW_KEY) changes_.push_back({view, path, L"", false, true, 0, {}});
+            seen_.insert({view, path});
+            if (last) {
+                opened = std::move(level);
+                return true;
+            }
+        }
+    }
+
+    // Newest first: a value goes back before the key it was written in.
+    void undo() noexcept {
+        for (auto c = changes_.rbegin(); c != changes_.rend(); ++c) {
+            if (c->key_created) {
+                RegDeleteKeyExW(base_, c->path.c_str(), c->view, 0);
+                continue;
+            }
+            unique_hkey key;
+            if (RegOpenKeyExW(base_, c->path.c_str(), 0, KEY_SET_VALUE | c->view, key.put()) != ERROR_SUCCESS)
+                continue;
+            if (c->existed)
+                RegSetValueExW(key.get(), c->name.c_str(), 0, c->type, c->data.data(),
+                               static_cast<DWORD>(c->data.size()));
+            else
+                RegDeleteValueW(key.get(), c->name.c_str());
+        }
+    }
+
+    HKEY base_;
+    std::vector<change> changes_;
+    std::set<std::pair<REGSAM, std::wstring>> seen_;
+    bool committed_ = false;
+};
+
+HRESULT write_rows(registry_journal& journal, const std::vector<registration_row>& rows, SYSKIND platform) {
+    for (const registration_row& row : rows)
+        for (REGSAM view : views_of(row.views, platform))
+            if (!journal.set(view, row.key, row.name, row.value)) return failure_of(row.part);
+    return S_OK;
+}
+
+bool delete_tree(HKEY base, REGSAM view, const std::wstring& key) {
+    const std::wstring path = classes_key + key;
+    {
+        unique_hkey opened;
+        const LSTATUS status = RegOpenKeyExW(base, path.c_str(), 0, KEY_ALL_ACCESS | view, opened.put());
+        if (status == ERROR_FILE_NOT_FOUND) return true;
+        if (status != ERROR_SUCCESS || RegDeleteTreeW(opened.get(), nullptr) != ERROR_SUCCESS) return false;
+    }
+    const LSTATUS status = RegDeleteKeyExW(base, path.c_str(), view, 0);
+    return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND;
+}
+
+// Removes the key's ancestors that nothing is left under, up to the
+// top-level key ("CLSID", "TypeLib"), which stays.
+void delete_empty_ancestors(HKEY base, REGSAM view, std::wstring key) {
+    for (size_t end = key.find_last_of(L'\\'); end != std::wstring::npos && key.find(L'\\') < end;
+         end = key.find_last_of(L'\\')) {
+        key.resize(end);
+        const std::wstring path = classes_key + key;
+        unique_hkey opened;
+        DWORD subkeys = 0, values = 0;
+        if (RegOpenKeyExW(base, path.c_str(), 0, KEY_QUERY_VALUE | view, opened.put()) != ERROR_SUCCESS ||
+            RegQueryInfoKeyW(opened.get(), nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, &values, nullptr,
+                             nullptr, nullptr, nullptr) != ERROR_SUCCESS ||
+            subkeys != 0 || values != 0)
+            return;
+        opened.reset();
+        RegDeleteKeyExW(base, path.c_str(), view, 0);
+    }
+}
+
+// A key that rows come and go with, in one view.
+struct owned_key {
+    REGSAM view;
+    std::wstring key;
+    registration_part part;
+    bool operator<(const owned_key& o) const {
+        const auto depth = [](const std::wstring& k) { return std::count(k.begin(), k.end(), L'\\'); };
+        // Deepest first, so that a key's ancestors are judged after it.
+        if (depth(key) != depth(o.key)) return depth(key) > depth(o.key);
+        return std::tie(key, view) < std::tie(o.key, o.view);
+    }
+};
+
+std::set<owned_key> owned_keys(const std::vector<registration_row>& rows, SYSKIND platform) {
+    std::set<owned_key> keys;
+    for (const registration_row& row : rows)
+        for (REGSAM view : views_of(row.views, platform)) keys.insert({view, row.owner, row.part});
+    return keys;
+}
+
+registered_module this_module(ITypeLib* library) {
+    return {module::file_path(), facts_of(library).attributes.syskind};
 }
 
 }  // namespace
@@ -136,131 +284,134 @@ std::vector<marshalled_interface> marshalled_interfaces(ITypeLib* library) {
         const GUID iid = a->guid;
         info->ReleaseTypeAttr(a);
         if (!dispatch && !automation) continue;
-        unique_bstr name;
-        info->GetDocumentation(MEMBERID_NIL, name.put(), nullptr, nullptr, nullptr);
-        found.push_back({guid_text(iid), name.get() ? name.get() : L"",
+        found.push_back({guid_text(iid), name_of(info.get()),
                          dual || automation ? automation_proxy_stub : dispatch_proxy_stub});
     }
     return found;
 }
 
-namespace {
+std::vector<registration_row> registration_rows(ITypeLib* library, const registered_module& module) {
+    const library_facts facts = facts_of(library);
+    std::vector<registration_row> rows;
+    const auto add = [&rows](registration_part part, registry_views views, const std::wstring& key,
+                             const wchar_t* name, const std::wstring& value, const std::wstring& owner) {
+        rows.push_back({part, views, key, name, value, owner});
+    };
 
-bool register_interface(HKEY root, const marshalled_interface& i, const library_facts& library) {
-    const std::wstring key = L"Interface\\" + i.iid;
-    return set_string(root, key, nullptr, i.name) &&
-           set_string(root, key + L"\\ProxyStubClsid", nullptr, i.proxy_stub) &&
-           set_string(root, key + L"\\ProxyStubClsid32", nullptr, i.proxy_stub) &&
-           set_string(root, key + L"\\TypeLib", nullptr, library.libid) &&
-           set_string(root, key + L"\\TypeLib", L"Version", library.version);
+    // The library: shared by both builds but for each one's path.
+    const std::wstring version_key = L"TypeLib\\" + facts.libid + L"\\" + facts.version;
+    const std::wstring own_path_key = path_key(facts, module.platform);
+    // The flag that a library was loaded from a file describes the loaded
+    // copy, not the library.
+    const std::wstring flags = std::to_wstring(facts.attributes.wLibFlags & ~LIBFLAG_FHASDISKIMAGE);
+    const auto library_row = [&](const std::wstring& key, const std::wstring& value, const std::wstring& owner) {
+        add(registration_part::type_library, registry_views::both, key, L"", value, owner);
+    };
+    library_row(version_key, facts.name, version_key);
+    library_row(version_key + L"\\FLAGS", flags, version_key);
+    library_row(version_key + L"\\HELPDIR", module.path.substr(0, module.path.find_last_of(L'\\')), version_key);
+    library_row(own_path_key, module.path, own_path_key);
+
+    // Its interfaces, and an earlier IID kept as an alias, which the
+    // library does not list as an interface: it is marshalled as the
+    // interface it names.
+    std::vector<marshalled_interface> interfaces = marshalled_interfaces(library);
+    for (const class_entry& entry : class_table()) {
+        if (!entry.earlier_interface_id) continue;
+        com_ptr<ITypeInfo> info;
+        const HRESULT hr = library->GetTypeInfoOfGuid(*entry.interface_id, info.put());
+        if (FAILED(hr)) raise_error(hr, L"vxTypes32", L"The type library does not describe this type.");
+        interfaces.push_back({guid_text(*entry.earlier_interface_id), name_of(info.get()), automation_proxy_stub});
+    }
+    for (const marshalled_interface& i : interfaces) {
+        const std::wstring key = L"Interface\\" + i.iid;
+        const auto interface_row = [&](const std::wstring& subkey, const wchar_t* name, const std::wstring& value) {
+            add(registration_part::type_library, registry_views::both, key + subkey, name, value, key);
+        };
+        interface_row(L"", L"", i.name);
+        interface_row(L"\\ProxyStubClsid", L"", i.proxy_stub);
+        interface_row(L"\\ProxyStubClsid32", L"", i.proxy_stub);
+        interface_row(L"\\TypeLib", L"", facts.libid);
+        interface_row(L"\\TypeLib", L"Version", facts.version);
+    }
+
+    // The classes, in the module's own view.
+    for (const class_entry& entry : class_table()) {
+        const std::wstring clsid = guid_text(*entry.clsid), clsid_key = L"CLSID\\" + clsid, id = prog_id(entry);
+        const auto class_row = [&](const std::wstring& key, const wchar_t* name, const std::wstring& value,
+                                   const std::wstring& owner) {
+            add(registration_part::classes, registry_views::module, key, name, value, owner);
+        };
+        class_row(clsid_key, L"", id, clsid_key);
+        class_row(clsid_key + L"\\InprocServer32", L"", module.path, clsid_key);
+        class_row(clsid_key + L"\\InprocServer32", L"ThreadingModel", threading_model, clsid_key);
+        class_row(clsid_key + L"\\ProgID", L"", id, clsid_key);
+        class_row(clsid_key + L"\\TypeLib", L"", facts.libid, clsid_key);
+        class_row(id, L"", id, id);
+        class_row(id + L"\\Clsid", L"", clsid, id);
+    }
+    return rows;
 }
 
-// What the platform's RegisterTypeLib writes, for a root where it cannot be
-// used.
-bool register_library_keys(HKEY root, ITypeLib* library, const library_facts& facts, const std::wstring& path) {
-    const std::wstring key = L"TypeLib\\" + facts.libid + L"\\" + facts.version;
-    std::wstring folder = path.substr(0, path.find_last_of(L'\\'));
-    if (!set_string(root, key, nullptr, facts.name) || !set_string(root, key + L"\\FLAGS", nullptr, L"0") ||
-        !set_string(root, key + L"\\HELPDIR", nullptr, folder) ||
-        !set_string(root, key + L"\\" + platform_subkey(facts, facts.attributes.syskind), nullptr, path))
-        return false;
-    for (const marshalled_interface& i : marshalled_interfaces(library))
-        if (!register_interface(root, i, facts)) return false;
-    return true;
+HRESULT register_module(registration_scope scope, ITypeLib* library, const registered_module& module) {
+    try {
+        const std::vector<registration_row> rows = registration_rows(library, module);
+        registry_journal journal(base_of(scope));
+        const HRESULT result = write_rows(journal, rows, module.platform);
+        if (SUCCEEDED(result)) journal.commit();
+        return result;
+    } catch (...) {
+        return SELFREG_E_TYPELIB;
+    }
 }
 
-bool register_class(HKEY root, const class_entry& entry, const std::wstring& module_path,
-                    const std::wstring& libid) {
-    const std::wstring clsid_key = L"CLSID\\" + guid_text(*entry.clsid);
-    const std::wstring id = prog_id(entry);
-    return set_string(root, clsid_key, nullptr, id) &&
-           set_string(root, clsid_key + L"\\InprocServer32", nullptr, module_path) &&
-           set_string(root, clsid_key + L"\\InprocServer32", L"ThreadingModel", threading_model) &&
-           set_string(root, clsid_key + L"\\ProgID", nullptr, id) &&
-           set_string(root, clsid_key + L"\\TypeLib", nullptr, libid) && set_string(root, id, nullptr, id) &&
-           set_string(root, id + L"\\Clsid", nullptr, guid_text(*entry.clsid));
+// Removes the keys this build owns that the other platform's build does not
+// own as well; then writes the other's rows again, for what the two shared:
+// its folder as HELPDIR, and any key that is one key in both views.
+// Removing what is not registered is no failure: either may run twice.
+HRESULT unregister_module(registration_scope scope, ITypeLib* library, const registered_module& module) {
+    try {
+        const HKEY base = base_of(scope);
+        const registered_module other = {
+            read_string(base, view_of(module.platform), path_key(facts_of(library), other_platform(module.platform))),
+            other_platform(module.platform)};
+        std::vector<registration_row> other_rows;
+        if (!other.path.empty()) other_rows = registration_rows(library, other);
+        const std::set<owned_key> theirs = owned_keys(other_rows, other.platform);
+        HRESULT result = S_OK;
+        for (const owned_key& own : owned_keys(registration_rows(library, module), module.platform)) {
+            if (theirs.count(own)) continue;
+            if (!delete_tree(base, own.view, own.key)) result = failure_of(own.part);
+            delete_empty_ancestors(base, own.view, own.key);
+        }
+        if (!other.path.empty()) {
+            registry_journal rewrite(base);
+            const HRESULT written = write_rows(rewrite, other_rows, other.platform);
+            rewrite.commit();  // what it could put back stays
+            if (FAILED(written)) result = written;
+        }
+        return result;
+    } catch (...) {
+        return SELFREG_E_TYPELIB;
+    }
 }
-
-// The platform registers the interfaces the library describes, but not an
-// earlier IID kept as an alias: that one is marshalled as its interface.
-bool register_earlier_interface(HKEY root, const class_entry& entry, const library_facts& library) {
-    if (!entry.earlier_interface_id) return true;
-    com_ptr<ITypeInfo> info = type_library::type_info_of(*entry.interface_id);
-    unique_bstr name;
-    if (FAILED(info->GetDocumentation(MEMBERID_NIL, name.put(), nullptr, nullptr, nullptr))) return false;
-    return register_interface(
-        root, {guid_text(*entry.earlier_interface_id), name.get() ? name.get() : L"", automation_proxy_stub},
-        library);
-}
-
-}  // namespace
 
 HRESULT register_server(registration_scope scope) {
     try {
-        const classes_root root(scope);
-        if (!root) return SELFREG_E_CLASS;
-        const std::wstring module_path = module::file_path();
         com_ptr<ITypeLib> library = type_library::get();
-        const library_facts facts = facts_of(library.get());
-        if (root.machine()) {
-            std::wstring path = module_path;
-            if (FAILED(RegisterTypeLib(library.get(), path.data(), nullptr))) return SELFREG_E_TYPELIB;
-        } else if (!register_library_keys(root.get(), library.get(), facts, module_path)) {
-            return SELFREG_E_TYPELIB;
-        }
-        for (const class_entry& entry : class_table()) {
-            if (!register_earlier_interface(root.get(), entry, facts)) return SELFREG_E_TYPELIB;
-            if (!register_class(root.get(), entry, module_path, facts.libid)) return SELFREG_E_CLASS;
-        }
-        return S_OK;
+        return register_module(scope, library.get(), this_module(library.get()));
     } catch (...) {
         return SELFREG_E_TYPELIB;
     }
 }
 
 HRESULT unregister_server(registration_scope scope) {
-    const classes_root root(scope);
-    if (!root) return S_OK;  // nothing was ever written there
-    com_ptr<ITypeLib> library;
     try {
-        library = type_library::get();
+        com_ptr<ITypeLib> library = type_library::get();
+        return unregister_module(scope, library.get(), this_module(library.get()));
     } catch (...) {
         return SELFREG_E_TYPELIB;
     }
-    const library_facts facts = facts_of(library.get());
-    const std::wstring library_key = L"TypeLib\\" + facts.libid;
-    const std::wstring version_key = library_key + L"\\" + facts.version;
-    // The other platform's build may be registered beside this one. Class
-    // and interface keys live in each platform's registry view; the ProgIDs
-    // and the library's version key are shared and stay for the other.
-    const bool other_registered =
-        key_exists(root.get(), version_key + L"\\" + platform_subkey(facts, other_platform(facts)));
-    HRESULT result = S_OK;
-    for (const class_entry& entry : class_table()) {
-        if (!delete_tree(root.get(), L"CLSID\\" + guid_text(*entry.clsid)) ||
-            (!other_registered && !delete_tree(root.get(), prog_id(entry))))
-            result = SELFREG_E_CLASS;
-        if (entry.earlier_interface_id &&
-            !delete_tree(root.get(), L"Interface\\" + guid_text(*entry.earlier_interface_id)))
-            result = SELFREG_E_TYPELIB;
-    }
-    // Unregistering what is not registered is no failure: either may run twice.
-    const std::wstring own_key = version_key + L"\\" + platform_subkey(facts, facts.attributes.syskind);
-    if (key_exists(root.get(), own_key)) {
-        if (root.machine()) {
-            const TLIBATTR& a = facts.attributes;
-            if (FAILED(UnRegisterTypeLib(a.guid, a.wMajorVerNum, a.wMinorVerNum, a.lcid, a.syskind)))
-                result = SELFREG_E_TYPELIB;
-        } else {
-            for (const marshalled_interface& i : marshalled_interfaces(library.get()))
-                if (!delete_tree(root.get(), L"Interface\\" + i.iid)) result = SELFREG_E_TYPELIB;
-            if (!delete_tree(root.get(), own_key)) result = SELFREG_E_TYPELIB;
-            delete_if_empty(root.get(), own_key.substr(0, own_key.find_last_of(L'\\')));
-            if (!other_registered && !delete_tree(root.get(), version_key)) result = SELFREG_E_TYPELIB;
-        }
-    }
-    delete_if_empty(root.get(), library_key);
-    return result;
 }
 
 }  // namespace vx

@@ -54,23 +54,23 @@ void masked_bitmap::release_all() {
     mask_dc_.release();
 }
 
+// Only a bitmap is taken, and a refusal changes nothing: the size is read
+// and the DC made aside, and they replace the current ones only once the
+// bitmap is selected.
 HRESULT masked_bitmap::SetBitmap(LONG_PTR* NewBitmap, VARIANT_BOOL* result) {
     if (!NewBitmap || !result) return E_POINTER;
     return com_boundary(L"clsBitmap.SetBitmap", [&] {
+        *result = VARIANT_FALSE;
         const HGDIOBJ bitmap = reinterpret_cast<HGDIOBJ>(*NewBitmap);
         BITMAP record = {};
-        if (GetObjectA(bitmap, sizeof record, &record)) {
-            width_ = record.bmWidth;
-            height_ = record.bmHeight;
-            if (image_dc_) earlier_image_dcs_.push_back(image_dc_);
-            image_dc_ = CreateCompatibleDC(nullptr);
-            if (image_dc_ && SelectObject(image_dc_, bitmap)) {
-                *result = VARIANT_TRUE;
-                return;
-            }
-        }
-        release_all();
-        *result = VARIANT_FALSE;
+        if (GetObjectType(bitmap) != OBJ_BITMAP || !GetObjectA(bitmap, sizeof record, &record)) return;
+        unique_hdc image(CreateCompatibleDC(nullptr));
+        if (!image || !SelectObject(image.get(), bitmap)) return;
+        if (image_dc_) earlier_image_dcs_.push_back(image_dc_);
+        image_dc_ = image.release();
+        width_ = record.bmWidth;
+        height_ = record.bmHeight;
+        *result = VARIANT_TRUE;
     });
 }
 

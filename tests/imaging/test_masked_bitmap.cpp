@@ -46,19 +46,22 @@ bool set_bitmap(_clsBitmap* masked, HBITMAP bitmap) {
 
 // The mask starts as a copy of the image; the client then draws into it
 // (black left half, white right), and the inverted image is the image ANDed
-// with that.
-TEST(MaskedBitmap, MaskAndInvertedImageAreBuiltOnceFromTheImage) {
-    HBITMAP bitmap = client_bitmap();
+// with that. A second bitmap replaces the image and the size while the DCs
+// built stay; a refused handle leaves the object as it was, for only a
+// bitmap that can be selected is taken.
+TEST(MaskedBitmap, BuiltOnceFromTheImageAndUnchangedByARefusal) {
+    HBITMAP bitmap = client_bitmap(), second = client_bitmap(8, 4), elsewhere = client_bitmap(4, 2);
+    HDC image = nullptr, mask = nullptr, inverted = nullptr, second_image = nullptr;
     {
         com_ptr<_clsBitmap> masked = create<_clsBitmap>(CLSID_clsBitmap, IID__clsBitmap);
         ASSERT_TRUE(set_bitmap(masked.get(), bitmap));
         LONG height = 0;
         masked->get_Height(&height);
         EXPECT_TRUE(width_of(masked.get()) == 32 && height == 16);
-        const HDC image = dc_of(masked.get(), &_clsBitmap::get_ImageDC);
+        image = dc_of(masked.get(), &_clsBitmap::get_ImageDC);
         ASSERT_TRUE(image);
         EXPECT_EQ(bitmap, GetCurrentObject(image, OBJ_BITMAP)) << "the client's bitmap is in the image DC";
-        const HDC mask = dc_of(masked.get(), &_clsBitmap::get_MaskDC);
+        mask = dc_of(masked.get(), &_clsBitmap::get_MaskDC);
         ASSERT_TRUE(mask && mask != image) << "a DC of its own";
         EXPECT_NE(bitmap, GetCurrentObject(mask, OBJ_BITMAP)) << "with a bitmap of its own";
         SetPixel(image, 3, 3, RGB(255, 255, 255));  // after the mask: it does not reach it
@@ -69,47 +72,43 @@ TEST(MaskedBitmap, MaskAndInvertedImageAreBuiltOnceFromTheImage) {
         RECT left = {0, 0, 16, 16}, right = {16, 0, 32, 16};
         FillRect(mask, &left, static_cast<HBRUSH>(GetStockObject(BLACK_BRUSH)));
         FillRect(mask, &right, static_cast<HBRUSH>(GetStockObject(WHITE_BRUSH)));
-        const HDC inverted = dc_of(masked.get(), &_clsBitmap::get_InvertImageDC);
+        inverted = dc_of(masked.get(), &_clsBitmap::get_InvertImageDC);
         ASSERT_TRUE(inverted);
         for (int i = 0; i < 32 * 16; ++i)
             ASSERT_EQ(i % 32 < 16 ? RGB(0, 0, 0) : image_colour(i % 32, i / 32), GetPixel(inverted, i % 32, i / 32))
                 << "inverted pixel " << i;
         EXPECT_EQ(inverted, dc_of(masked.get(), &_clsBitmap::get_InvertImageDC)) << "built once";
         EXPECT_EQ(mask, dc_of(masked.get(), &_clsBitmap::get_MaskDC));
+
+        ASSERT_TRUE(set_bitmap(masked.get(), second));
+        second_image = dc_of(masked.get(), &_clsBitmap::get_ImageDC);
+        EXPECT_TRUE(second_image != image && width_of(masked.get()) == 8);
+        EXPECT_EQ(bitmap, GetCurrentObject(image, OBJ_BITMAP)) << "the earlier bitmap stays selected";
+        HDC client_dc = CreateCompatibleDC(nullptr);
+        HGDIOBJ client_old = SelectObject(client_dc, elsewhere);
+        const std::pair<HGDIOBJ, const char*> refused[] = {
+            {GetStockObject(DEFAULT_GUI_FONT), "a font"}, {elsewhere, "a bitmap selected into the client's DC"},
+            {bitmap, "a bitmap still selected in the earlier image DC"}, {nullptr, "no handle"}};
+        for (const auto& [handle, what] : refused) {
+            EXPECT_FALSE(set_bitmap(masked.get(), static_cast<HBITMAP>(handle))) << what;
+            masked->get_Height(&height);
+            EXPECT_TRUE(width_of(masked.get()) == 8 && height == 4) << what << ": the size stays";
+            EXPECT_TRUE(second_image == dc_of(masked.get(), &_clsBitmap::get_ImageDC) &&
+                        mask == dc_of(masked.get(), &_clsBitmap::get_MaskDC) &&
+                        inverted == dc_of(masked.get(), &_clsBitmap::get_InvertImageDC) &&
+                        second == GetCurrentObject(second_image, OBJ_BITMAP))
+                << what << ": the DCs stay";
+        }
+        SelectObject(client_dc, client_old);
+        DeleteDC(client_dc);
+        EXPECT_TRUE(set_bitmap(masked.get(), elsewhere)) << "taken once the client's DC has let it go";
     }
-    HDC dc = CreateCompatibleDC(nullptr);
-    EXPECT_NE(nullptr, SelectObject(dc, bitmap)) << "the client's bitmap survives, selected nowhere";
-    DeleteDC(dc);
-    DeleteObject(bitmap);
-}
-
-TEST(MaskedBitmap, RefusedBitmapsReleaseEveryDC) {
-    com_ptr<_clsBitmap> masked = create<_clsBitmap>(CLSID_clsBitmap, IID__clsBitmap);
-    HBITMAP bitmap = client_bitmap(), second = client_bitmap(8, 4);
-    ASSERT_TRUE(set_bitmap(masked.get(), bitmap));
-    const HDC first_image = dc_of(masked.get(), &_clsBitmap::get_ImageDC);
-    const HDC mask = dc_of(masked.get(), &_clsBitmap::get_MaskDC);
-    ASSERT_TRUE(mask);
-
-    // A second bitmap replaces the image and the size; the mask stays.
-    ASSERT_TRUE(set_bitmap(masked.get(), second));
-    EXPECT_NE(first_image, dc_of(masked.get(), &_clsBitmap::get_ImageDC));
-    EXPECT_EQ(8, width_of(masked.get()));
-    EXPECT_EQ(mask, dc_of(masked.get(), &_clsBitmap::get_MaskDC)) << "the mask of the earlier bitmap stays";
-    EXPECT_EQ(bitmap, GetCurrentObject(first_image, OBJ_BITMAP)) << "the earlier bitmap stays selected";
-
-    // Still selected in the earlier image DC: the platform refuses it again.
-    EXPECT_FALSE(set_bitmap(masked.get(), bitmap)) << "a bitmap selected elsewhere";
-    EXPECT_EQ(nullptr, dc_of(masked.get(), &_clsBitmap::get_ImageDC)) << "every DC released";
-    EXPECT_EQ(32, width_of(masked.get())) << "the size just read stays";
-    EXPECT_EQ(0u, GetObjectType(mask) + GetObjectType(first_image)) << "the mask and the earlier image DC are gone";
-
-    EXPECT_FALSE(set_bitmap(masked.get(), nullptr)) << "SetBitmap(0)";
-    EXPECT_EQ(nullptr, dc_of(masked.get(), &_clsBitmap::get_ImageDC));
-    EXPECT_EQ(32, width_of(masked.get())) << "GetObjectA refused: the size is not read";
-    for (HBITMAP b : {bitmap, second}) {
-        BITMAP record = {};
-        EXPECT_NE(0, GetObjectW(b, sizeof record, &record)) << "the client's bitmaps survive";
+    EXPECT_EQ(0u, GetObjectType(image) + GetObjectType(mask) + GetObjectType(inverted) + GetObjectType(second_image))
+        << "the instance's end releases every DC";
+    for (HBITMAP b : {bitmap, second, elsewhere}) {
+        HDC dc = CreateCompatibleDC(nullptr);
+        EXPECT_NE(nullptr, SelectObject(dc, b)) << "the client's bitmaps survive, selected nowhere";
+        DeleteDC(dc);
         DeleteObject(b);
     }
 }

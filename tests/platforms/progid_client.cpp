@@ -1,5 +1,7 @@
 // A client of the registered component: creates every class by ProgID,
-// in process, and says which DLL served it. Built for both platforms, so a
+// in process, says which DLL served it, and calls it from another
+// apartment through the marshaller, which works from the registered
+// interfaces and type library. Built for both platforms, so a
 // 32-bit and a 64-bit process can ask one registry for the same ProgIDs.
 // It also prints a fingerprint of results whose bits the contract fixes
 // (resampled pixels, complex arithmetic and its text), which both platforms'
@@ -35,6 +37,33 @@ struct fingerprint {
         for (std::size_t i = 0; i < size; ++i) hash = (hash ^ static_cast<const unsigned char*>(data)[i]) * 1099511628211ull;
     }
 };
+
+// The object's default interface, called through a proxy from the
+// multithreaded apartment while this thread serves the call.
+struct crossing { IStream* stream; IID iid; HRESULT result; };
+
+DWORD WINAPI call_from_another_apartment(void* parameter) {
+    auto* c = static_cast<crossing*>(parameter);
+    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    vx::com_ptr<IDispatch> proxy;
+    UINT count = 0;
+    c->result = CoGetInterfaceAndReleaseStream(c->stream, c->iid, proxy.put_void());
+    if (SUCCEEDED(c->result)) c->result = proxy->GetTypeInfoCount(&count);
+    proxy.reset();
+    CoUninitialize();
+    return 0;
+}
+
+HRESULT crosses_apartments(IUnknown* object, REFIID iid) {
+    crossing c = {nullptr, iid, E_UNEXPECTED};
+    HRESULT hr = CoMarshalInterThreadInterfaceInStream(iid, object, &c.stream);
+    HANDLE thread = SUCCEEDED(hr) ? CreateThread(nullptr, 0, call_from_another_apartment, &c, 0, nullptr) : nullptr;
+    if (!thread) return FAILED(hr) ? hr : HRESULT_FROM_WIN32(GetLastError());
+    DWORD index = 0;
+    hr = CoWaitForMultipleHandles(0, INFINITE, 1, &thread, &index);
+    CloseHandle(thread);
+    return FAILED(hr) ? hr : c.result;
+}
 
 template <class Interface>
 vx::com_ptr<Interface> make(const wchar_t* prog_id, REFIID iid) {
@@ -91,6 +120,9 @@ int wmain(int argc, wchar_t** argv) {
     wchar_t expected[MAX_PATH] = {};
     GetFullPathNameW(argv[1], MAX_PATH, expected, nullptr);
     if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return 100;
+    // Wine's marshaller needs the VB runtime's library (Windows has it) for cDIBSection.
+    vx::com_ptr<ITypeLib> standin;
+    LoadTypeLibEx(VX_STANDIN_TYPELIB, REGKIND_REGISTER, standin.put());
     int failures = 0;
     for (const vx::class_entry& entry : vx::class_table()) {
         const std::wstring id = vx::prog_id(entry);
@@ -100,10 +132,11 @@ int wmain(int argc, wchar_t** argv) {
         if (SUCCEEDED(hr) && !IsEqualCLSID(clsid, *entry.clsid)) hr = E_UNEXPECTED;
         if (SUCCEEDED(hr)) hr = CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, object.put_void());
         const std::wstring served = SUCCEEDED(hr) ? serving_module(object.get()) : L"";
-        const bool own = lstrcmpiW(served.c_str(), expected) == 0;
+        const HRESULT crossed = SUCCEEDED(hr) ? crosses_apartments(object.get(), *entry.interface_id) : hr;
+        const bool own = lstrcmpiW(served.c_str(), expected) == 0 && SUCCEEDED(crossed);
         if (!own) ++failures;
-        std::printf("%-30ls %s 0x%08lX %ls\n", id.c_str(), own ? "ok  " : "FAIL", static_cast<unsigned long>(hr),
-                    served.c_str());
+        std::printf("%-30ls %s 0x%08lX %ls, from another apartment 0x%08lX\n", id.c_str(), own ? "ok  " : "FAIL",
+                    static_cast<unsigned long>(hr), served.c_str(), static_cast<unsigned long>(crossed));
     }
     fingerprint print;
     add_resampled(print, 37, 23, 61, 50);

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # The 32-bit and the 64-bit DLL registered on one 64-bit registry, machine-
 # wide and per user: each process bitness gets its own DLL for every ProgID,
-# and unregistering one leaves the other whole.
+# and unregistering either leaves the other as if registered alone: its
+# classes, which still cross apartments, its interface keys in both views,
+# its path and its folder as HELPDIR.
 # Leaves the 64-bit DLL registered alone, as it found it. Judges what each
 # client printed: Wine's cscript ends 0 even when a script stopped at an error.
 # Usage: side_by_side.sh WINE_RUN X86_DLL X64_DLL X86_CLIENT X64_CLIENT
@@ -10,12 +12,19 @@
 set -u
 run=$1 x86_dll=$2 x64_dll=$3 x86_client=$4 x64_client=$5 cscript32=$7 every_class=$8 class_names=$9
 read -r _ _ libid version _ < <(grep '^library ' "$6")
+# Every interface the library registers: the dual ones, the events and the
+# earlier IID kept as an alias.
+iids=$(grep -ho -E '^(interface|events|alias) .*\{[0-9A-Fa-f-]+\}' "$(dirname "$6")"/../*/*.types |
+       grep -o '{[^}]*}$')
+version_key="TypeLib\\$libid\\$version"
 winpath() { printf 'Z:%s' "$1" | tr / '\\'; }
 regsvr32_x86() { "$run" 'C:\windows\syswow64\regsvr32.exe' /s "$@" "$(winpath "$x86_dll")"; }
 regsvr32_x64() { "$run" regsvr32 /s "$@" "$(winpath "$x64_dll")"; }
 # Each check prints what it saw, then its answer as its last line.
 answer() { if "$@"; then echo yes; else echo no; fi; }
-creates() {  # yes: every class came from the DLL; no: none did
+# Each client creates every class by ProgID and calls it from another
+# apartment. yes: every class came from the DLL; no: none did.
+creates() {
     local out
     out=$("$run" "$1" "$(winpath "$2")" 2>&1)
     echo "$out"
@@ -23,8 +32,12 @@ creates() {  # yes: every class came from the DLL; no: none did
 }
 x86_creates() { creates "$x86_client" "$x86_dll"; }
 x64_creates() { creates "$x64_client" "$x64_dll"; }
-user_key() { answer "$run" reg query "HKCU\\Software\\Classes\\$1"; }
 scripted() { local out; out=$("$@" 2>&1); echo "$out"; answer grep -q '^PASS: ' <<<"$out"; }
+query() { "$run" reg query "$@" 2>/dev/null; }
+value_is() {  # value_is KEY VALUE [OPTION]: the key's default value, in any case
+    [ "$(query "$1" /ve "${@:3}" | sed -n 's/.*REG_SZ[[:space:]]*//p' | tr -d '\r' | tr a-z A-Z)" = \
+      "$(printf %s "$2" | tr a-z A-Z)" ]
+}
 
 failures=0
 expect() {  # expect yes|no WHAT COMMAND...: the answer COMMAND ends with
@@ -38,6 +51,24 @@ expect() {  # expect yes|no WHAT COMMAND...: the answer COMMAND ends with
     fi
 }
 
+# expect_alone machine|user x86|x64: that DLL's library registration is as
+# if it had been registered alone.
+expect_alone() {
+    local root=HKCR dll=$x86_dll platform=win32 gone=win64
+    [ "$1" = user ] && root='HKCU\Software\Classes'
+    [ "$2" = x64 ] && dll=$x64_dll platform=win64 gone=win32
+    expect yes "$1, $2 alone: its path" answer value_is "$root\\$version_key\\0\\$platform" "$(winpath "$dll")"
+    expect no "$1, $2 alone: no other path" answer query "$root\\$version_key\\0\\$gone"
+    expect yes "$1, $2 alone: its folder as HELPDIR" answer value_is "$root\\$version_key\\HELPDIR" \
+        "$(winpath "$(dirname "$dll")")"
+    for iid in $iids; do
+        for view in 32 64; do
+            expect yes "$1, $2 alone: interface $iid in the $view-bit view" \
+                answer value_is "$root\\Interface\\$iid\\TypeLib" "$libid" /reg:$view
+        done
+    done
+}
+
 regsvr32_x86 && regsvr32_x64 || { echo "registration failed"; exit 1; }
 expect yes "a 64-bit process creates every class from the 64-bit DLL" x64_creates
 expect yes "a 32-bit process creates every class from the 32-bit DLL" x86_creates
@@ -48,30 +79,30 @@ expect yes "both DLLs compute the same bits ($x64_print, $x86_print)" \
     answer test -n "$x64_print" -a "$x64_print" = "$x86_print"
 expect yes "the 32-bit cscript uses every class of the 32-bit DLL" scripted "$cscript32" "$every_class" "$class_names"
 
+# Either order: the one registered last goes first, then the other.
+regsvr32_x64 /u
+expect yes "the 32-bit DLL stays registered without the 64-bit one" x86_creates
+expect_alone machine x86
+regsvr32_x64
+regsvr32_x86
 regsvr32_x86 /u
 expect yes "the 64-bit DLL stays registered without the 32-bit one" x64_creates
 expect no "the 32-bit DLL is gone from the 32-bit view" x86_creates
-regsvr32_x86
-regsvr32_x64 /u
-expect yes "the 32-bit DLL stays registered without the 64-bit one" x86_creates
-regsvr32_x64
-expect yes "both again" x64_creates
+expect_alone machine x64
 
 # Per user (DllInstall): each platform's path under the shared library key.
-version_key="TypeLib\\$libid\\$version"
 regsvr32_x86 /n /i:user
 regsvr32_x64 /n /i:user
-expect yes "a per-user win32 path" user_key "$version_key\\0\\win32"
-expect yes "a per-user win64 path" user_key "$version_key\\0\\win64"
-regsvr32_x86 /u /n /i:user
-expect no "the per-user win32 path goes with its DLL" user_key "$version_key\\0\\win32"
-expect yes "the per-user win64 path stays" user_key "$version_key\\0\\win64"
-expect yes "the per-user ProgIDs stay for the 64-bit DLL" user_key "vxTypes32.UserInfo\\Clsid"
 regsvr32_x64 /u /n /i:user
-expect no "nothing of the library stays per user" user_key "TypeLib\\$libid"
-expect no "no per-user ProgID stays" user_key "vxTypes32.UserInfo"
+expect_alone user x86
+regsvr32_x64 /n /i:user
+regsvr32_x86 /u /n /i:user
+expect_alone user x64
+expect yes "the per-user ProgIDs stay for the 64-bit DLL" answer query "HKCU\\Software\\Classes\\vxTypes32.UserInfo\\Clsid"
+regsvr32_x64 /u /n /i:user
+expect no "nothing of the library stays per user" answer query "HKCU\\Software\\Classes\\TypeLib\\$libid"
+expect no "no per-user ProgID stays" answer query "HKCU\\Software\\Classes\\vxTypes32.UserInfo"
 
-regsvr32_x86 /u
 regsvr32_x64
 [ $failures -eq 0 ] && echo "PASS: side_by_side, both DLLs on one registry"
 exit $failures
