@@ -320,7 +320,7 @@ std::vector<registration_row> registration_rows(ITypeLib* library, const registe
         if (!entry.earlier_interface_id) continue;
         com_ptr<ITypeInfo> info;
         const HRESULT hr = library->GetTypeInfoOfGuid(*entry.interface_id, info.put());
-        if (FAILED(hr)) raise_error(hr, L"vxTypes32", L"The type library does not describe this type.");
+        if (FAILED(hr)) raise_error(hr, identity::library_name, L"The type library does not describe this type.");
         interfaces.push_back({guid_text(*entry.earlier_interface_id), name_of(info.get()), automation_proxy_stub});
     }
     for (const marshalled_interface& i : interfaces) {
