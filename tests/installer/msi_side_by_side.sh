@@ -1,9 +1,8 @@
 #!/usr/bin/env bash
-# Both platforms' packages installed for the machine in one fresh 64-bit
-# prefix: each bitness's script host and C++ client get every class from
-# the DLL of their own package; removing either package, in either order,
-# leaves the other working from both kinds of client; removing both leaves
-# the registry and the files as before. For hosts that run 32-bit code.
+# Both platforms' packages in one fresh 64-bit prefix (where 32-bit code
+# runs): each bitness's script host and C++ client use every class of its
+# own package's DLL; removing either package, in either order, leaves the
+# other working; removing both leaves registry and files as before.
 # Usage: msi_side_by_side.sh TREE X86_MSI X64_MSI CSCRIPT32 CSCRIPT64 EVERY_CLASS.vbs CLASS_NAMES
 #                            X86_CLIENT X64_CLIENT
 set -u
@@ -36,6 +35,4 @@ works 64 "the 32-bit package removed"
 msiexec x "$x64_msi"
 snapshot b1
 same_as b0 b1 "both removed"
-stop_prefix
-[ $failures -eq 0 ] && echo "PASS: msi_side_by_side"
-exit $failures
+finish msi_side_by_side

@@ -1,24 +1,22 @@
-# Shared by the installer tests: a prefix each, registry exports and their
-# changes, checks that count failures. Sourced; expects $tree (the build
-# tree) and $work (a folder of the test's own in it).
+# Shared by the installer tests, sourced with $tree (the build tree) and $work (their folder) set: fresh
+# prefixes, snapshots of the registry and the files, and checks that count failures.
 run() { "$tree/wine-run" "$@"; }
 winpath() { printf 'Z:%s' "$1" | tr / '\\'; }
 failures=0
 fail() { failures=$((failures + 1)); printf 'FAILED: %s\n' "$*"; }
+finish() { WINEPREFIX=$VXTYPES32_WINEPREFIX wineserver -k 2>/dev/null; [ $failures -eq 0 ] && echo "PASS: $1"; exit $failures; }
 
-# fresh_prefix NAME: a new 64-bit prefix of the test's own, made the current one.
+# fresh_prefix NAME: a new 64-bit prefix, the current one from now on.
 fresh_prefix() {
     export VXTYPES32_WINEPREFIX=$work/$1
     WINEPREFIX=$VXTYPES32_WINEPREFIX wineserver -k 2>/dev/null
     rm -rf "$VXTYPES32_WINEPREFIX" && run cmd /c ver >/dev/null
 }
-stop_prefix() { WINEPREFIX=$VXTYPES32_WINEPREFIX wineserver -k 2>/dev/null; }
 
-# snapshot NAME: the machine's and the user's classes (NAME.machine.reg,
-# NAME.user.reg), the installed products (NAME.products.reg), and the files
-# of Program Files and of the users' own programs (NAME.files).
+# snapshot NAME: the machine's and the user's classes and the installed products (NAME.PART.reg),
+# the files of Program Files and of the users' own programs (NAME.files).
 snapshot() {
-    local part key
+    local part key file
     for part in 'machine HKLM\Software\Classes' 'user HKCU\Software\Classes' \
                 'products HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall'; do
         key=${part#* } file=$work/$1.${part%% *}.reg
@@ -33,18 +31,17 @@ snapshot() {
         sort) >"$work/$1.files"
 }
 
-# changes BEFORE AFTER PART [--as PATH=NAME ...]: what AFTER's export of PART
-# (machine, user, products) adds to BEFORE's and takes from it.
+# changes BEFORE AFTER PART [PATH=NAME ...]: what AFTER's PART (machine,
+# user, products) adds to BEFORE's and takes from it.
 changes() {
     python3 "$(dirname "${BASH_SOURCE[0]}")/registry_changes.py" "$work/$1.$3.reg" "$work/$2.$3.reg" "${@:4}"
 }
 
-# The installer's own bookkeeping: its keys, and their values.
+# The installer's own bookkeeping: its keys, which stay, and its values.
 installer_keys='Classes\\Installer(\\[^|]*)?$'
 installer_values='Classes\\Installer(\\| |$)'
 
-# same_as BEFORE AFTER WHAT: the registry and the files as they were, but
-# for the installer's own (empty) keys, which stay.
+# same_as BEFORE AFTER WHAT: the registry and the files as they were.
 same_as() {
     local part left
     for part in machine user products; do
@@ -52,16 +49,6 @@ same_as() {
         [ -z "$left" ] || fail "$3: the $part keys are not as before: $(head -5 <<<"$left")"
     done
     cmp -s "$work/$1.files" "$work/$2.files" || fail "$3: files are not as before: $(diff "$work/$1.files" "$work/$2.files")"
-}
-
-# like_registration CHANGES REFERENCE WHAT: a package wrote what the DLL's own
-# registration writes (REFERENCE); besides, only its own bookkeeping (under
-# Installer) and the ProgIDs of the 32-bit view, which the component both
-# packages share writes.
-like_registration() {
-    local own
-    own=$(grep -Ev -e "$installer_values" -e 'Classes\\Wow6432Node\\vxTypes32\.' "$1")
-    [ "$own" = "$(cat "$2")" ] || fail "$3: not what registration writes: $(diff <(echo "$own") "$2" | head -20)"
 }
 
 # scripted WHAT COMMAND...: a script client that must print its PASS line.

@@ -1,13 +1,7 @@
 #!/usr/bin/env python3
-"""What a registry export adds to, or takes from, an earlier one: a line a
-key ("+ KEY") or a value ("+ KEY | NAME = VALUE"), "-" for what went, sorted.
-Exports are `reg export` files (UTF-16); the 32-bit view of a key shows as
-its Wow6432Node. Each --as PATH=NAME writes PATH, a file or folder named in
-values (with or without a trailing backslash), as NAME.
-
-Usage: registry_changes.py BEFORE.reg AFTER.reg [--as PATH=NAME ...]
-"""
-import argparse
+"""What a `reg export` adds to an earlier one ("+ KEY", "+ KEY | NAME = VALUE") or takes from it ("-"),
+sorted; each PATH=NAME writes the file or folder PATH, where a value names it, as NAME.
+Usage: registry_changes.py BEFORE.reg AFTER.reg [PATH=NAME ...]"""
 import re
 import signal
 import sys
@@ -23,26 +17,15 @@ def entries(path, renames):
             found.add(key)
         elif key and '=' in line:
             name, value = line.split('=', 1)
-            name = '' if name == '@' else name.strip('"')
-            for old, new in renames:
+            for old, new in renames:  # .reg doubles backslashes; a folder may end with one
                 value = re.sub(re.escape(old.replace('\\', '\\\\')) + r'(\\\\)?(?=")', new, value, flags=re.I)
-            found.add('%s | %s = %s' % (key, name, value))
+            found.add('%s | %s = %s' % (key, '' if name == '@' else name.strip('"'), value))
     return found
 
 
-def main(argv):
-    signal.signal(signal.SIGPIPE, signal.SIG_DFL)  # a reader may stop at the first line it wants
-    arguments = argparse.ArgumentParser()
-    arguments.add_argument('before')
-    arguments.add_argument('after')
-    arguments.add_argument('--as', dest='renames', action='append', default=[], metavar='PATH=NAME')
-    options = arguments.parse_args(argv[1:])
-    renames = [r.split('=', 1) for r in options.renames]
-    before, after = entries(options.before, renames), entries(options.after, renames)
+if __name__ == '__main__':
+    signal.signal(signal.SIGPIPE, signal.SIG_DFL)  # a reader may stop at the line it wants
+    renames = [r.split('=', 1) for r in sys.argv[3:]]
+    before, after = entries(sys.argv[1], renames), entries(sys.argv[2], renames)
     for line in sorted(['+ ' + e for e in after - before] + ['- ' + e for e in before - after], key=lambda l: l[2:]):
         print(line)
-    return 0
-
-
-if __name__ == '__main__':
-    sys.exit(main(sys.argv))
