@@ -15,6 +15,6 @@ if cmp "$first" "$second"; then
     exit 0
 fi
 # Say which file differs.
-for archive in "$first" "$second"; do rm -rf "$archive.d" && mkdir -p "$archive.d" && unzip -q "$archive" -d "$archive.d"; done
+for archive in "$first" "$second"; do rm -rf "$archive.d" && mkdir -p "$archive.d" && python3 -m zipfile -e "$archive" "$archive.d"; done
 diff -r "$first.d" "$second.d"
 exit 1
