@@ -230,6 +230,9 @@ def emit_type(w, lib, t):
     elif t.kind == 'coclass':
         emit_coclass(w, lib, t)
     elif t.kind == 'alias':
+        owner = [c.name for c in gen_types.classes(lib) if c.earlier == t.name]
+        if owner:
+            w('    // An earlier IID of %s, which %s still answers for.' % (t.target, owner[0]))
         w('    typedef %s %s %s;' % (attributes(t, ['public']), t.target, t.name))
     elif t.kind == 'record':
         emit_record(w, lib, t)
@@ -284,6 +287,8 @@ def emit_idl(lib):
     # A member can use only an enumeration declared before it; the library
     # lists its enumerations last.
     enums = [t for t in lib.ordered if t.kind == 'enum']
+    w('    // The enumerations first, which the library lists last: a member can')
+    w('    // use only one declared before it.')
     for t in enums + [t for t in lib.ordered if t.kind != 'enum']:
         emit_type(w, lib, t)
     w('};')
