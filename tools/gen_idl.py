@@ -33,7 +33,7 @@ TYPE_ATTRIBUTES = [(0x01, 'appobject'), (0x04, 'licensed'), (0x10, 'hidden'), (0
                    (0x40, 'dual'), (0x80, 'nonextensible'), (0x100, 'oleautomation'), (0x200, 'restricted'),
                    (0x400, 'aggregatable'), (0x800, 'replaceable')]
 IMPLIED_FLAGS = {'interface': 0x1000, 'events': 0x1000, 'coclass': 0x02, 'alias': 0, 'record': 0, 'enum': 0}
-FLAG_NOTES = {0x02: None, 0x08: 'predeclid (0x08): a global instance; IDL has no attribute for it'}
+FLAG_NOTES = {0x08: 'predeclid (0x08): a global instance; IDL has no attribute for it'}
 
 # Longer member declarations put a parameter on each line.
 LINE_LENGTH = 100
@@ -105,7 +105,7 @@ def flag_notes(t):
         if flag in attribute_names:
             if not stated(t, flag):
                 notes.append('%s (0x%X): widl takes no such attribute here' % (attribute_names[flag], flag))
-        elif FLAG_NOTES.get(flag, True):
+        else:
             notes.append(FLAG_NOTES.get(flag, 'type flag 0x%X' % flag))
     return notes
 
