@@ -1,13 +1,15 @@
 #!/usr/bin/env bash
 # Installs the cross toolchains (32- and 64-bit), Wine (with its 32-bit part) and CMake from
-# Debian's packages, and Xvfb for the tests that need a display (a message
-# box). Idempotent: does nothing when everything is present.
+# Debian's packages, Xvfb for the tests that need a display (a message
+# box), and what makes the release: widl (mingw-w64-tools) with the IDL files
+# of Wine's headers (libwine-dev) for the developer kit, wixl and msitools
+# for the installer packages. Idempotent: does nothing when everything is present.
 set -euo pipefail
 
 packages=(wine wine32:i386 wine64 libwine-dev gcc-mingw-w64-i686 g++-mingw-w64-i686
           g++-mingw-w64-i686-win32 g++-mingw-w64-i686-posix binutils-mingw-w64-i686
           g++-mingw-w64-x86-64-win32 g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64
-          mingw-w64-tools cmake googletest
+          mingw-w64-tools cmake googletest wixl msitools
           python3 xvfb xauth)
 
 missing=()

@@ -30,6 +30,10 @@ are ignored, and every block is closed by a line `end`.
   library NAME {LIBID} MAJOR.MINOR lcid N names_lcid N progid_prefix PREFIX
       A class's ProgID is PREFIX.CLASS.
 
+  installer PLATFORM {UPGRADE_CODE}
+      The upgrade code of the platform's installer package (win32, win64),
+      which all its versions share (tools/gen_installer.py).
+
   import NAME {LIBID} MAJOR.MINOR lcid N file HINT [standin]
       interface NAME {IID}
       enum NAME {GUID}
@@ -173,6 +177,7 @@ class Library:
         self.lcid = 0
         self.names_lcid = 0x0409
         self.prog_id_prefix = None
+        self.upgrade_codes = {}  # platform name -> the installer's upgrade code
         self.product_version = None  # ProductVersion
         self.imports = []
         self.order = []
@@ -446,6 +451,9 @@ def parse_header(lib, line, where):
     if head == 'library':
         parse_library_line(lib, line, where)
         return None
+    if head == 'installer':
+        parse_installer_line(lib, line, where)
+        return None
     if head == 'import':
         imp = parse_import_header(line, where)
         lib.imports.append(imp)
@@ -472,6 +480,15 @@ def parse_library_line(lib, line, where):
     lib.version = (int(m.group(3)), int(m.group(4)))
     lib.lcid, lib.names_lcid = number(m.group(5)), number(m.group(6))
     lib.prog_id_prefix = m.group(7)
+
+
+def parse_installer_line(lib, line, where):
+    m = re.match(r'^installer\s+(\S+)\s+' + GUID_RE + '$', line)
+    if not m or m.group(1) not in PLATFORMS:
+        fail(where, 'expected `installer PLATFORM {UPGRADE_CODE}` for one of %s' % ', '.join(sorted(PLATFORMS)))
+    if m.group(1) in lib.upgrade_codes:
+        fail(where, 'a second installer line for %s' % m.group(1))
+    lib.upgrade_codes[m.group(1)] = m.group(2).upper()
 
 
 def parse_import_header(line, where):
@@ -1135,6 +1152,11 @@ def module_file_name(lib):
     return lib.name + '.dll'
 
 
+def company_name(lib):
+    """Who the version resource and the installers name as the maker."""
+    return lib.name + ' developers'
+
+
 def emit_class_table(lib):
     w = GeneratedFile('the .types descriptions')
     w('// The rows of the class table: every coclass, in the order its description')
@@ -1190,7 +1212,7 @@ def emit_version_resource(lib):
         '    BEGIN',
         '        BLOCK "040904B0"',
         '        BEGIN',
-        '            VALUE "CompanyName", "%s developers"' % lib.name,
+        '            VALUE "CompanyName", "%s"' % company_name(lib),
         '            VALUE "ProductName", "%s"' % lib.name,
         '            VALUE "FileVersion", "%s"' % version.text,
         '            VALUE "ProductVersion", "%s"' % version.text,

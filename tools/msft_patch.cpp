@@ -344,21 +344,27 @@ bool check_file(const std::wstring& path, const library_entry& library, std::str
     image file;
     layout places;
     if (!file.load(path, problem) || !places.read(file, library.type_count, problem)) return false;
+    // Every difference, one a line: a file written by another compiler
+    // differs in more than one.
+    std::string found;
+    const auto note = [&found](const std::string& text) { found += (found.empty() ? "" : "\n") + text; };
     if (file.u32(0x0C) != library.names_lcid)
-        return image::fail(problem, "names locale " + hex(file.u32(0x0C)) + ", expected " + hex(library.names_lcid));
+        note("names locale " + hex(file.u32(0x0C)) + ", expected " + hex(library.names_lcid));
     if (file.u32(0x10) != library.lcid)
-        return image::fail(problem, "library locale " + hex(file.u32(0x10)) + ", expected " + hex(library.lcid));
+        note("library locale " + hex(file.u32(0x10)) + ", expected " + hex(library.lcid));
     std::vector<import_file> entries;
-    if (!read_import_files(file, places, entries, problem)) return false;
+    std::string unreadable;
+    if (!read_import_files(file, places, entries, &unreadable)) note(unreadable);
     if (entries.size() != static_cast<size_t>(library.import_count))
-        return image::fail(problem, "imports " + std::to_string(entries.size()) + " libraries, not " +
-                                        std::to_string(library.import_count));
+        note("imports " + std::to_string(entries.size()) + " libraries, not " + std::to_string(library.import_count));
     for (const import_file& entry : entries) {
         const import_entry* described = described_import(library, entry.libid);
         if (!described || entry.name != narrow(described->file))
-            return image::fail(problem, "imports " + entry.name + ", which the description does not name");
+            note("imports " + entry.name + ", which the description does not name");
     }
-    return true;
+    if (found.empty()) return true;
+    if (problem) *problem = found;
+    return false;
 }
 
 }  // namespace msft

@@ -13,7 +13,7 @@ namespace msft {
 bool correct_file(const std::wstring& path, const typelib_model::library_entry& library, std::string* problem);
 
 // Checks the facts that the reading API does not show: the names locale and
-// the file names of the imported libraries.
+// the file names of the imported libraries; every difference, one a line.
 bool check_file(const std::wstring& path, const typelib_model::library_entry& library, std::string* problem);
 
 }  // namespace msft

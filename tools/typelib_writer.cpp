@@ -15,6 +15,7 @@
 
 #include <oleauto.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <cwchar>
@@ -346,10 +347,21 @@ public:
 
         const UINT count = loaded->GetTypeInfoCount();
         expect("library", "type count", number(library_.type_count), number(count));
-        for (int i = 0; i < library_.type_count && i < static_cast<int>(count); ++i) {
+        // Each type found by its GUID, so that a type out of place is one
+        // difference rather than one for every type after it.
+        for (int i = 0; i < library_.type_count; ++i) {
+            const type_entry& type = library_.types[i];
+            const std::string where = "type " + number(i) + " " + narrow(type.name);
             com_ptr<ITypeInfo> info;
-            check(loaded->GetTypeInfo(i, info.put()), "GetTypeInfo");
-            verify_type(loaded.get(), i, info.get());
+            com_ptr<ITypeLib> container;
+            UINT index = 0;
+            if (FAILED(loaded->GetTypeInfoOfGuid(type.guid, info.put())) ||
+                FAILED(info->GetContainingTypeLib(container.put(), &index))) {
+                differ(where, "type", "missing");
+                continue;
+            }
+            expect(where, "index", number(i), number(index));
+            verify_type(loaded.get(), i, static_cast<int>(index), info.get());
         }
     }
 
@@ -454,14 +466,15 @@ private:
         }
     }
 
-    void verify_type(ITypeLib* loaded, int index, ITypeInfo* info) {
+    // The type described at INDEX, found in the file at FOUND_AT.
+    void verify_type(ITypeLib* loaded, int index, int found_at, ITypeInfo* info) {
         const type_entry& type = library_.types[index];
         const std::string where = "type " + number(index) + " " + narrow(type.name);
         TYPEATTR* attr = nullptr;
         check(info->GetTypeAttr(&attr), "GetTypeAttr " + where);
         unique_bstr name, doc;
         DWORD help_context = 0;
-        check(loaded->GetDocumentation(index, name.put(), doc.put(), &help_context, nullptr), "GetDocumentation");
+        check(loaded->GetDocumentation(found_at, name.put(), doc.put(), &help_context, nullptr), "GetDocumentation");
         expect(where, "name", narrow(type.name), narrow(name.get()));
         expect(where, "doc string", "", narrow(doc.get()));
         expect(where, "help context", "0", number(help_context));
@@ -686,7 +699,10 @@ bool verify(const std::wstring& path, const library_entry& library) {
     check_back.verify(path);
     std::string problem;
     if (!msft::check_file(path, library, &problem)) {
-        std::printf("typelib: %s: %s\n", narrow(path.c_str()).c_str(), problem.c_str());
+        for (size_t start = 0, end; start <= problem.size(); start = end + 1) {
+            end = std::min(problem.find('\n', start), problem.size());
+            std::printf("typelib: %s: %s\n", narrow(path.c_str()).c_str(), problem.substr(start, end - start).c_str());
+        }
         return false;
     }
     if (check_back.differences()) {
