@@ -1,8 +1,6 @@
-// Every class used from a multi-threaded apartment (as a .NET or PowerShell
-// console uses it) while it lives in the single-threaded apartment that made
-// it: calls go through the marshaller built from the registered type
-// library, clsQuickSort's events come back across, and an error's number and
-// description reach the caller.
+// Every class used from a multi-threaded apartment (as a .NET or PowerShell console uses it) while it lives in
+// the single-threaded apartment that made it: calls go through the marshaller built from the registered type
+// library, clsQuickSort's events come back across, and an error's number and description reach the caller.
 #include "frame/class_table.h"
 #include "support/component.h"
 #include "vxTypes32_types.h"
@@ -16,35 +14,34 @@
 namespace vx::test {
 namespace {
 
-// A sink of the caller's apartment that answers every comparison "equal".
+// A sink of the calling apartment; every comparison is "equal".
 class counting_sink final : public IDispatch {
 public:
     std::atomic<long> events{0};
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
-        *object = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch) || IsEqualIID(iid, DIID___clsQuickSort)
-                      ? this : nullptr;
+        const bool known = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch);
+        *object = known || IsEqualIID(iid, DIID___clsQuickSort) ? this : nullptr;
         return *object ? AddRef(), S_OK : E_NOINTERFACE;
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return ++references_; }
     ULONG STDMETHODCALLTYPE Release() override {
         const ULONG left = --references_;
-        if (left == 0) delete this;
+        if (!left) delete this;
         return left;
     }
     HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT*) override { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*, UINT*) override {
-        ++events;
-        return S_OK;
+        return ++events, S_OK;
     }
 
 private:
     std::atomic<ULONG> references_{1};
 };
 
-// The class's first property read that takes no argument, through its
-// vtable slot: the proxy's own method for it carries the call.
+// The class's first property read without arguments, through its vtable slot: the proxy's own method for it
+// carries the call. S_FALSE for a class with none.
 HRESULT first_property(ITypeLib* library, const class_entry& c, IUnknown* proxy) {
     com_ptr<ITypeInfo> dispatch, info;
     HREFTYPE vtable_form = 0;
@@ -53,7 +50,7 @@ HRESULT first_property(ITypeLib* library, const class_entry& c, IUnknown* proxy)
     dispatch->GetRefTypeOfImplType(-1, &vtable_form);
     dispatch->GetRefTypeInfo(vtable_form, info.put());
     info->GetTypeAttr(&attr);
-    HRESULT hr = S_FALSE;  // a class with none
+    HRESULT hr = S_FALSE;
     for (UINT f = 0; f < attr->cFuncs && hr == S_FALSE; ++f) {
         FUNCDESC* d = nullptr;
         info->GetFuncDesc(f, &d);
@@ -61,13 +58,11 @@ HRESULT first_property(ITypeLib* library, const class_entry& c, IUnknown* proxy)
         if (d->invkind == INVOKE_PROPERTYGET && type != VT_EMPTY && type != VT_PTR && type != VT_USERDEFINED) {
             unique_variant value, returned;
             V_I8(value.get()) = 0;
-            VARIANT out;
+            VARIANT out, *args[] = {&out};
             V_VT(&out) = VT_BYREF | VT_UI1;
-            V_BYREF(&out) = type == VT_VARIANT ? static_cast<void*>(value.get()) : static_cast<void*>(&V_UI1(value.get()));
-            VARIANT* args[] = {&out};
-            VARTYPE types[] = {V_VT(&out)};
-            hr = DispCallFunc(proxy, d->oVft, CC_STDCALL, VT_ERROR, 1, types, args, returned.get());
-            if (SUCCEEDED(hr)) hr = V_ERROR(returned.get());
+            V_BYREF(&out) = type == VT_VARIANT ? static_cast<void*>(value.get()) : &V_UI1(value.get());
+            hr = DispCallFunc(proxy, d->oVft, CC_STDCALL, VT_ERROR, 1, &V_VT(&out), args, returned.get());
+            hr = SUCCEEDED(hr) ? V_ERROR(returned.get()) : hr;
             if (SUCCEEDED(hr) && type != VT_VARIANT) V_VT(value.get()) = type;  // a BSTR is freed
         }
         info->ReleaseFuncDesc(d);
@@ -77,7 +72,7 @@ HRESULT first_property(ITypeLib* library, const class_entry& c, IUnknown* proxy)
 }
 
 // What the caller in the multi-threaded apartment does with the proxies.
-void use_from_another_apartment(ITypeLib* library, std::vector<IStream*>& streams) {
+void use_from_another_apartment(ITypeLib* library, const std::vector<IStream*>& streams) {
     std::vector<com_ptr<IDispatch>> proxies;
     for (const class_entry& c : class_table()) {
         com_ptr<IDispatch>& proxy = proxies.emplace_back();
@@ -94,15 +89,14 @@ void use_from_another_apartment(ITypeLib* library, std::vector<IStream*>& stream
         ASSERT_TRUE(container && container->FindConnectionPoint(*c.source_interface, point.put()) == S_OK);
         auto* sink = new counting_sink;
         DWORD cookie = 0;
-        EXPECT_EQ(S_OK, point->Advise(sink, &cookie)) << narrow(c.name) << ": the events interface";
+        EXPECT_EQ(S_OK, point->Advise(sink, &cookie)) << narrow(c.name);
         EXPECT_EQ(S_OK, proxy.query<_clsQuickSort>(IID__clsQuickSort)->Sort(3, 1));
         EXPECT_GT(sink->events.load(), 0) << narrow(c.name) << ": no event came across";
         point->Unadvise(cookie);
         sink->Release();
     }
-    // An error raised late-bound: its number and description come back in
-    // EXCEPINFO. Through the vtable the number comes back alone: the
-    // platform's marshaller carries no error info across (Wine; Windows does).
+    // An error raised late-bound: its number and description come back in EXCEPINFO. Through the vtable the
+    // number comes back alone: Wine's marshaller carries no error info across (platform).
     const com_ptr<IDispatch>& complex = proxies[find_class(CLSID_CComplexNumber) - class_table_begin()];
     ASSERT_TRUE(complex);
     const wchar_t* name = L"Divide2";
@@ -125,8 +119,8 @@ void use_from_another_apartment(ITypeLib* library, std::vector<IStream*>& stream
 }
 
 TEST(Apartments, EveryClassFromAMultiThreadedApartmentThroughTheTypeLibraryMarshaller) {
-    // Registered afresh, as an installation has it: the DLL, and the VB
-    // runtime's library that _cDIBSection's eRop comes from (its stand-in).
+    // Registered afresh, as an installation has it: the DLL, and the VB runtime's library that
+    // _cDIBSection's eRop comes from (its stand-in).
     ASSERT_EQ(S_OK, dll().unregister_server());
     ASSERT_EQ(S_OK, dll().register_server());
     com_ptr<ITypeLib> standin, library;
@@ -135,10 +129,9 @@ TEST(Apartments, EveryClassFromAMultiThreadedApartmentThroughTheTypeLibraryMarsh
     std::vector<IStream*> streams;
     for (const class_entry& c : class_table()) {
         com_ptr<IUnknown> object;
-        IStream* stream = nullptr;
         EXPECT_EQ(S_OK, CoCreateInstance(*c.clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, object.put_void()));
-        EXPECT_EQ(S_OK, CoMarshalInterThreadInterfaceInStream(*c.interface_id, object.get(), &stream)) << narrow(c.name);
-        streams.push_back(stream);
+        EXPECT_EQ(S_OK, CoMarshalInterThreadInterfaceInStream(*c.interface_id, object.get(), &streams.emplace_back()))
+            << narrow(c.name);
     }
     std::atomic<bool> done{false};
     std::thread caller([&] {
@@ -148,11 +141,8 @@ TEST(Apartments, EveryClassFromAMultiThreadedApartmentThroughTheTypeLibraryMarsh
         done = true;
     });
     // This apartment serves the calls while the caller waits on them.
-    while (!done) {
-        MsgWaitForMultipleObjects(0, nullptr, FALSE, 50, QS_ALLINPUT);
-        MSG message;
+    for (MSG message; !done; MsgWaitForMultipleObjects(0, nullptr, FALSE, 50, QS_ALLINPUT))
         while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) DispatchMessageW(&message);
-    }
     caller.join();
 }
 
