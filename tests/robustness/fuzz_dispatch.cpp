@@ -485,9 +485,11 @@ void ids_of_names(class_state& s, IDispatch* object) {
     std::vector<LPOLESTR> names;
     for (std::wstring& t : texts) {
         const unsigned kind = below(4);
-        t = kind == 0 && !s.members.empty() ? pick(s.members[below(s.members.size())].names)
-            : kind == 1                     ? std::wstring(70000, L'N') : text();
-        for (wchar_t& ch : t) ch = chance(0.5) ? towupper(ch) : towlower(ch);
+        t = kind == 1 ? std::wstring(70000, L'N') : text();
+        if (kind == 0 && !s.members.empty()) {
+            t = pick(s.members[below(s.members.size())].names);
+            for (wchar_t& ch : t) ch = chance(0.5) ? towupper(ch) : towlower(ch);
+        }
         names.push_back(chance(0.05) ? nullptr : t.data());
     }
     std::vector<DISPID> ids(names.size() + 1, 12345);
