@@ -34,7 +34,9 @@ struct {
     std::string skip;
 } settings;
 unsigned failures = 0;
-void fail(const std::string& what) { failures++ < 30 && std::fprintf(stderr, "FAILED: %s\n", what.c_str()); }
+void fail(const std::string& what) {
+    if (++failures <= 30) std::fprintf(stderr, "FAILED: %s\n", what.c_str());
+}
 std::string narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
 std::wstring text_of(BSTR text) { return std::wstring(text ? text : L"", SysStringLen(text)); }
 std::string hex(HRESULT hr) {
