@@ -193,15 +193,20 @@ std::wstring upper(std::wstring text) { return CharUpperBuffW(text.data(), DWORD
 const std::wstring scratch_subkey = L"Software\\vxTypes32 fuzz", scratch = L"\\HKEY_CURRENT_USER\\" + scratch_subkey;
 bool registry_texts = false;
 std::wstring text() {
-    if (registry_texts && chance(0.7))
-        return pick<std::wstring>({scratch, L" " + upper(scratch) + L"\\ ", scratch + L"\\k1", L"..", L"\\", L"k1",
-                                   L"K1\\k2", L" k1 ", L"k\xD800", L"\\HKEY_CURRENT_USER\\Software", L"\\HKEY_NOPE\\k",
-                                   std::wstring(L"k\0x", 3), std::wstring(300, L'k'), L"k1\\..\\.."});
-    if (chance(0.5))
-        return pick<std::wstring>({L"", L" ", L"x", L"-3", L"1e400", L"&H7FFFFFFF", L"True", L"#1/1/2000#", L"\xD800",
-                                   L"a\xDC00", L"\xDBFF\xDFFF", std::wstring(L"a\0b", 3), L"\xFFFF", L"\x00E9t\x00E9"});
+    static const std::vector<std::wstring> registry = {
+        scratch, L" " + upper(scratch) + L"\\ ", scratch + L"\\k1", L"..", L"\\", L"k1", L"K1\\k2", L" k1 ",
+        L"k\xD800", L"\\HKEY_CURRENT_USER\\Software", L"\\HKEY_NOPE\\k", std::wstring(L"k\0x", 3),
+        std::wstring(300, L'k'), L"k1\\..\\.."};
+    static const std::vector<std::wstring> odd = {L"", L" ", L"x", L"-3", L"1e400", L"&H7FFFFFFF", L"True",
+                                                  L"#1/1/2000#", L"\xD800", L"a\xDC00", L"\xDBFF\xDFFF",
+                                                  std::wstring(L"a\0b", 3), L"\xFFFF", L"\x00E9t\x00E9"};
+    if (registry_texts && chance(0.7)) return pick(registry);
+    if (chance(0.5)) return pick(odd);
     std::wstring out(pick<unsigned>({1, 2, 7, 255, 256, 1023, 1024, 4097}), L'a');
-    for (wchar_t& c : out) c = wchar_t(pick<unsigned>({0xD800 + below(0x800), below(0x10000), L' ', L'a' + below(26)}));
+    for (wchar_t& c : out) {
+        const unsigned kind = below(4);
+        c = wchar_t(kind == 0 ? 0xD800 + below(0x800) : kind == 1 ? below(0x10000) : kind == 2 ? 32 : 'a' + below(26));
+    }
     return out;
 }
 
