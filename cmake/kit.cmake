@@ -46,3 +46,7 @@ add_custom_command(
     VERBATIM)
 
 add_custom_target(vx_kit ALL DEPENDS ${VX_KIT_FILES} ${VX_KIT_TYPELIB_FILE})
+# The stand-in library is vx_generated's output: waiting for that target,
+# rather than naming its command twice, keeps a parallel build from writing
+# it twice at once.
+add_dependencies(vx_kit vx_generated)
