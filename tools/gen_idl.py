@@ -299,7 +299,6 @@ def place_imports(lib, directory, standin, system_libraries):
     """The imported libraries under the names the IDL gives them, where a
     compiler of the IDL opens them: the stand-in for the one the build
     writes itself, the system's copy for the others."""
-    os.makedirs(directory, exist_ok=True)
     for imp in lib.imports:
         source = standin if imp.standin else os.path.join(system_libraries, imp.file)
         with open(source, 'rb') as f:
@@ -320,7 +319,6 @@ def main(argv):
     except (gen_types.DescriptionError, OSError) as e:
         sys.stderr.write('gen_idl: error: %s\n' % e)
         return 1
-    os.makedirs(os.path.dirname(os.path.abspath(options.output)), exist_ok=True)
     gen_types.write_if_changed(options.output, emit_idl(lib))
     return 0
 

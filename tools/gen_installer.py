@@ -88,7 +88,6 @@ def main(argv):
     except gen_types.DescriptionError as e:
         sys.stderr.write('gen_installer: error: %s\n' % e)
         return 1
-    os.makedirs(os.path.dirname(os.path.abspath(options.output)), exist_ok=True)
     gen_types.write_if_changed(options.output, emit_wxi(facts))
     return 0
 

@@ -1474,6 +1474,10 @@ def emit_resources(lib, out_dir):
 
 
 def write_if_changed(path, data):
+    """Writes the file, and its folder, only where the bytes differ: a file
+    that stays the same keeps its time, and what depends on it is not made
+    again."""
+    os.makedirs(os.path.dirname(os.path.abspath(path)), exist_ok=True)
     if isinstance(data, str):
         data = data.encode('utf-8')
     try:
