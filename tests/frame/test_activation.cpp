@@ -79,23 +79,33 @@ TEST(ClassObjects, OnlyTheClassesHaveOneAndTheyRefuseAggregation) {
     }
     com_ptr<IClassFactory> factory;
     ASSERT_EQ(S_OK, dll().get_class_object(CLSID_UserInfo, IID_IClassFactory, factory.put_void()));
+    com_ptr<IUnknown> not_a_factory;
+    EXPECT_EQ(E_NOINTERFACE, dll().get_class_object(CLSID_UserInfo, IID_IDispatch, not_a_factory.put_void()));
     com_ptr<IUnknown> outer = create<IUnknown>(CLSID_Class_vxTypes32, IID_IUnknown);
     void* object = reinterpret_cast<void*>(0x1234);
     EXPECT_EQ(CLASS_E_NOAGGREGATION, factory->CreateInstance(outer.get(), IID_IUnknown, &object));
     EXPECT_EQ(nullptr, object);
 }
 
-TEST(Unloading, WaitsForEveryInstanceAndLock) {
+// An enumerator the sorter handed out is an object of the DLL too; a lock
+// released once too often counts nothing.
+TEST(Unloading, WaitsForEveryInstanceEnumeratorAndLock) {
     ASSERT_EQ(S_OK, dll().can_unload_now()) << "nothing of ours should be alive between tests";
-    com_ptr<IDispatch> first = create<IDispatch>(CLSID_UserInfo, IID_IDispatch);
+    com_ptr<IConnectionPointContainer> first = create<IConnectionPointContainer>(CLSID_clsQuickSort,
+                                                                                 IID_IConnectionPointContainer);
     EXPECT_EQ(S_FALSE, dll().can_unload_now()) << "an instance";
+    com_ptr<IEnumConnectionPoints> points;
+    ASSERT_EQ(S_OK, first->EnumConnectionPoints(points.put()));
     first.reset();
-    EXPECT_EQ(S_OK, dll().can_unload_now()) << "the instance released";
+    EXPECT_EQ(S_FALSE, dll().can_unload_now()) << "an enumerator";
+    points.reset();
+    EXPECT_EQ(S_OK, dll().can_unload_now()) << "both released";
 
     com_ptr<IClassFactory> factory;
     ASSERT_EQ(S_OK, dll().get_class_object(CLSID_UserInfo, IID_IClassFactory, factory.put_void()));
+    EXPECT_EQ(S_OK, factory->LockServer(FALSE));
     EXPECT_EQ(S_OK, factory->LockServer(TRUE));
-    EXPECT_EQ(S_FALSE, dll().can_unload_now()) << "a lock";
+    EXPECT_EQ(S_FALSE, dll().can_unload_now()) << "a lock after an unmatched unlock";
     EXPECT_EQ(S_OK, factory->LockServer(FALSE));
     EXPECT_EQ(S_OK, dll().can_unload_now()) << "the lock released";
 }
@@ -115,11 +125,14 @@ TEST(Identity, EachClassAnswersForWhatTheTypeLibraryPublishesOfIt) {
         const published_class& own = *expected++;
         com_ptr<IUnknown> object = create<IUnknown>(*c.clsid, IID_IUnknown);
         ASSERT_TRUE(object && !own.interfaces.empty()) << narrow(c.name);
+        com_ptr<ISupportErrorInfo> errors = object.query<ISupportErrorInfo>(IID_ISupportErrorInfo);
         for (const GUID& iid : every_interface) {
             com_ptr<IUnknown> answer;
-            const HRESULT expected_answer = contains(own.interfaces, iid) ? S_OK : E_NOINTERFACE;
-            EXPECT_EQ(expected_answer, object->QueryInterface(iid, answer.put_void()))
+            const bool own_interface = contains(own.interfaces, iid);
+            EXPECT_EQ(own_interface ? S_OK : E_NOINTERFACE, object->QueryInterface(iid, answer.put_void()))
                 << narrow(c.name) << " asked for " << narrow(guid_text(iid));
+            EXPECT_EQ(own_interface ? S_OK : S_FALSE, errors->InterfaceSupportsErrorInfo(iid))
+                << narrow(c.name) << " error info for " << narrow(guid_text(iid));
         }
         // Only a class with events has a default source to report.
         const bool has_events = !IsEqualGUID(own.events, GUID_NULL);

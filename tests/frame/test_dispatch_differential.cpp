@@ -443,9 +443,13 @@ TEST(DispatchDifferential, EveryMemberAgreesWithTheTypeLibraryPath) {
     EXPECT_GT(compared, 0u);
 }
 
-TEST(DispatchDifferential, NamesResolveLikeTheTypeLibrary) {
+TEST(DispatchDifferential, NamesResolveLikeTheTypeLibraryAndInvokeTakesIidNullOnly) {
     for (const class_entry& entry : class_table()) {
         com_ptr<IDispatch> object = make(entry);
+        DISPPARAMS none = {};
+        EXPECT_EQ(hex(DISP_E_UNKNOWNINTERFACE),
+                  hex(object->Invoke(DISPID_VALUE, IID_IDispatch, 0, DISPATCH_PROPERTYGET, &none, nullptr, nullptr, nullptr)))
+            << narrow(entry.name) << ": Invoke takes only IID_NULL";
         com_ptr<ITypeInfo> info;
         ASSERT_EQ(S_OK, object->GetTypeInfo(0, 0, info.put()));
         std::vector<std::vector<std::wstring>> requests = {{L"NoSuchMember"}, {L""}};

@@ -63,6 +63,17 @@ TEST(RuntimeText, NumbersAsText) {
     EXPECT_EQ(vx::format_number(305419896, L"0,000,000,000", german), L"0.305.419.896");
 }
 
+// Trim takes spaces only; a start below 1 or a negative length is refused.
+TEST(RuntimeText, TrimAndTheRefusalsOfTheStringOperations) {
+    EXPECT_EQ(vx::trim(L" \ta\t  "), L"\ta\t");
+    const std::function<void()> refused[] = {[] { vx::instr(L"abc", L"a", 0, L"S"); }, [] { vx::mid(L"abc", 0, L"S"); },
+                                             [] { vx::left(L"abc", -1, L"S"); }};
+    for (const auto& r : refused) {
+        const vx::automation_error error = raised_by(r);
+        EXPECT_TRUE(error.number == 5 && error.source == L"S") << error.number;
+    }
+}
+
 std::vector<float> draws(int count) {
     std::vector<float> values;
     for (int i = 0; i < count; ++i) values.push_back(vx::random_number());

@@ -5,13 +5,15 @@
 // recorded here. The writer already proves the library matches the .types
 // descriptions; this catches a change to those descriptions that nobody meant.
 // Both DLLs give the same listing; after a deliberate change,
-// VX_TYPELIB_LISTING=<file> writes it out.
+// VX_TYPELIB_LISTING=<file> writes it out. Then the DLL's other resources.
+#include "frame/class_table.h"
 #include "frame/registration.h"
 #include "support/component.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 namespace vx::test {
 namespace {
@@ -134,6 +136,40 @@ TEST(TypeLibrary, EmbeddedLibraryResolvesAndKeepsItsBinaryContract) {
         if (FILE* out = std::fopen(file, "wb")) std::fputs(std::string(listing.begin(), listing.end()).c_str(), out), std::fclose(out);
     }
     EXPECT_EQ(11736308034015426356ull, fnv1a(listing)) << "the binary contract changed; if that was meant, record the new hash";
+}
+
+// The version resource declares that the DLL registers itself. Each class's
+// _IID_ item (and _SRCIID_ for its events) is a byte count and then the
+// IIDs, an earlier one first.
+TEST(Resources, SelfRegistrationIsDeclaredAndIidItemsCountTheirBytes) {
+    DWORD ignored = 0;
+    std::vector<char> block(GetFileVersionInfoSizeW(dll_path().c_str(), &ignored));
+    ASSERT_TRUE(!block.empty() && GetFileVersionInfoW(dll_path().c_str(), 0, static_cast<DWORD>(block.size()), block.data()));
+    void* value = nullptr;
+    UINT length = 0;
+    EXPECT_TRUE(VerQueryValueW(block.data(), L"\\StringFileInfo\\040904B0\\OLESelfRegister", &value, &length));
+    for (const class_entry& c : class_table()) {
+        std::wstring name = c.name;
+        for (wchar_t& letter : name) letter = towupper(letter);
+        const std::pair<std::wstring, std::vector<const IID*>> items[] = {
+            {L"_IID_" + name, c.earlier_interface_id ? std::vector<const IID*>{c.earlier_interface_id, c.interface_id}
+                                                      : std::vector<const IID*>{c.interface_id}},
+            {L"_SRCIID_" + name, c.source_interface ? std::vector<const IID*>{c.source_interface}
+                                                    : std::vector<const IID*>{}}};
+        for (const auto& [type, iids] : items) {
+            const HRSRC found = FindResourceW(dll().module, MAKEINTRESOURCEW(1), type.c_str());
+            ASSERT_EQ(iids.empty(), !found) << narrow(type);
+            if (!found) continue;
+            const auto* data = static_cast<const unsigned char*>(LockResource(LoadResource(dll().module, found)));
+            std::vector<unsigned char> expected(4);
+            expected[0] = static_cast<unsigned char>(16 * iids.size());
+            for (const IID* iid : iids)
+                expected.insert(expected.end(), reinterpret_cast<const unsigned char*>(iid),
+                                reinterpret_cast<const unsigned char*>(iid + 1));
+            EXPECT_EQ(expected, std::vector<unsigned char>(data, data + SizeofResource(dll().module, found)))
+                << narrow(type);
+        }
+    }
 }
 
 }  // namespace

@@ -1,10 +1,14 @@
 // cDIBSection on real GDI: scan-line lengths, the states a section goes
-// through, the overflow of the size arithmetic, and PaintPicture checked by
-// reading pixels back.
+// through, the overflow of the size arithmetic, the blits checked by reading
+// pixels back, the random fill, pictures and the clipboard.
+#include "frame/runtime.h"
 #include "imaging/imaging_support.h"
+
+#include <olectl.h>
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace vx::test {
 namespace {
@@ -94,6 +98,7 @@ void fill(_cDIBSection* section, bool with_pattern) {
 
 struct blit_case {
     const char* label;
+    bool paint;    // PaintPicture out of the section, or LoadPictureBlt into it
     long args[6];  // as the member takes them after the DC
     DWORD rop;
     // The rectangle that changes, in destination coordinates, and where it
@@ -101,37 +106,114 @@ struct blit_case {
     long left, top, width, height, source_left, source_top;
 };
 
-// Every pixel of the destination: the pattern through the raster op inside
-// the rectangle, the 0x111111 it was filled with outside.
-void expect_blit(_cDIBSection* destination, const blit_case& c) {
-    const section_facts f = facts_of(destination);
-    for (long y = 0; y < f.height; ++y)
-        for (long x = 0; x < f.width; ++x) {
-            std::uint32_t expected = 0x111111u;
-            if (x >= c.left && x < c.left + c.width && y >= c.top && y < c.top + c.height)
-                expected = c.rop == SRCCOPY ? pattern(c.source_left + x - c.left, c.source_top + y - c.top)
-                                            : ~pattern(c.source_left + x - c.left, c.source_top + y - c.top) & 0xFFFFFF;
-            ASSERT_EQ(expected, pixel_at(destination, x, y)) << c.label << " at (" << x << ", " << y << ")";
-        }
-}
-
-// The section is taller than wide, so that its width cannot stand in for
-// its height unseen.
-TEST(DibSectionPaintPicture, CopiesTheRectangleItIsGiven) {
+// A 6 x 8 section, taller than wide so that its width cannot stand in for
+// its height unseen, meets a 30 x 40 one. Every pixel of the destination
+// is the pattern through the raster op inside the rectangle, and the
+// 0x111111 it was filled with outside.
+TEST(DibSectionBlits, CopyTheRectangleTheyAreGiven) {
     const blit_case cases[] = {
-        {"every default", {0, 0, -1, -1, 0, 0}, SRCCOPY, 0, 0, 6, 8, 0, 0},
-        {"negative width: the section's, -5 as -1", {10, 20, -5, 4, 0, 0}, SRCCOPY, 10, 20, 6, 4, 0, 0},
-        {"negative height", {3, 4, 2, -7, 0, 0}, SRCCOPY, 3, 4, 2, 8, 0, 0},
-        {"a rectangle inside the section", {1, 2, 2, 3, 4, 3}, SRCCOPY, 1, 2, 2, 3, 4, 3},
-        {"raster op passed unchanged", {5, 5, -1, -1, 0, 0}, NOTSRCCOPY, 5, 5, 6, 8, 0, 0},
+        {"PaintPicture with every default", true, {0, 0, -1, -1, 0, 0}, SRCCOPY, 0, 0, 6, 8, 0, 0},
+        {"PaintPicture: any negative size is the section's", true, {10, 20, -5, -7, 0, 0}, NOTSRCCOPY, 10, 20, 6, 8, 0, 0},
+        {"PaintPicture of a rectangle inside the section", true, {1, 2, 2, 3, 4, 3}, SRCCOPY, 1, 2, 2, 3, 4, 3},
+        {"LoadPictureBlt from (5, 5), to the section's origin", false, {5, 5, -1, -9}, SRCCOPY, 0, 0, 6, 8, 5, 5},
     };
     for (const blit_case& c : cases) {
-        com_ptr<_cDIBSection> section = new_section(6, 8), target = new_section(30, 40);
-        fill(section.get(), true);
-        fill(target.get(), false);
-        ASSERT_EQ(S_OK, section->PaintPicture(facts_of(target.get()).hdc, c.args[0], c.args[1], c.args[2],
-                                              c.args[3], c.args[4], c.args[5], RasterOpConstants(c.rop)));
-        expect_blit(target.get(), c);
+        com_ptr<_cDIBSection> section = new_section(6, 8), other = new_section(30, 40);
+        _cDIBSection* destination = c.paint ? other.get() : section.get();
+        fill(c.paint ? section.get() : other.get(), true);
+        fill(destination, false);
+        const RasterOpConstants rop = RasterOpConstants(c.rop);
+        const LONG_PTR dc = facts_of(other.get()).hdc;
+        const long* a = c.args;
+        ASSERT_EQ(S_OK, c.paint ? section->PaintPicture(dc, a[0], a[1], a[2], a[3], a[4], a[5], rop)
+                                : section->LoadPictureBlt(dc, a[0], a[1], a[2], a[3], rop));
+        const section_facts f = facts_of(destination);
+        for (long y = 0; y < f.height; ++y)
+            for (long x = 0; x < f.width; ++x) {
+                std::uint32_t expected = 0x111111u;
+                if (x >= c.left && x < c.left + c.width && y >= c.top && y < c.top + c.height)
+                    expected = pattern(c.source_left + x - c.left, c.source_top + y - c.top) ^
+                               (c.rop == SRCCOPY ? 0 : 0xFFFFFF);
+                ASSERT_EQ(expected, pixel_at(destination, x, y)) << c.label << " at (" << x << ", " << y << ")";
+            }
+    }
+}
+
+// Reseeded from the time of day at every call: the same moment gives the
+// same noise, another moment other noise. In colour blue stays 0, in gray
+// the three channels agree; the padding is left alone. The test program's
+// own copy of the class meets the clock it sets.
+float moment;
+float clock_reading() { return moment; }
+
+TEST(DibSectionRandomiseBits, NoiseFromTheTimeOfDay) {
+    const scoped_time_of_day_source clock(&clock_reading);
+    for (VARIANT_BOOL gray : {VARIANT_FALSE, VARIANT_TRUE}) {
+        std::vector<unsigned char> noise[3];
+        for (int i = 0; i < 3; ++i) {
+            moment = i == 2 ? 200.25f : 100.5f;
+            com_ptr<_cDIBSection> section = create_local<_cDIBSection>(CLSID_cDIBSection, IID__cDIBSection);
+            VARIANT_BOOL made = VARIANT_FALSE;
+            ASSERT_TRUE(SUCCEEDED(section->Create(5, 3, &made)) && made);
+            unsigned char* bits = bits_of(section.get());
+            std::memset(bits, 0xAB, 16 * 3);
+            ASSERT_EQ(S_OK, section->RandomiseBits(gray));
+            noise[i].assign(bits, bits + 16 * 3);
+            for (long at = 0; at < 16 * 3; at += at % 16 == 12 ? 4 : 3) {
+                const unsigned char* pixel = bits + at;
+                EXPECT_TRUE(gray ? pixel[0] == pixel[1] && pixel[1] == pixel[2] : pixel[0] == 0) << "byte " << at;
+                if (at % 16 == 12) EXPECT_EQ(0xAB, pixel[3]) << "padding after byte " << at;
+            }
+        }
+        EXPECT_EQ(noise[0], noise[1]) << "gray " << gray << ": the same moment";
+        EXPECT_NE(noise[0], noise[2]) << "gray " << gray << ": another moment";
+    }
+}
+
+// A 32 x 16 picture of the pattern comes in whole, at the picture's size.
+TEST(DibSectionCreateFromPicture, CopiesABitmapPicture) {
+    BITMAPINFO info = {};
+    info.bmiHeader = {sizeof(BITMAPINFOHEADER), 32, -16, 1, 32, BI_RGB, 0, 0, 0, 0, 0};
+    void* bits = nullptr;
+    PICTDESC description = {sizeof(PICTDESC), PICTYPE_BITMAP};
+    description.bmp.hbitmap = CreateDIBSection(nullptr, &info, DIB_RGB_COLORS, &bits, nullptr, 0);
+    ASSERT_TRUE(bits);
+    for (long i = 0; i < 32 * 16; ++i) static_cast<std::uint32_t*>(bits)[i] = pattern(i % 32, i / 32);
+    com_ptr<IPictureDisp> picture;
+    ASSERT_EQ(S_OK, OleCreatePictureIndirect(&description, IID_IPictureDisp, TRUE, picture.put_void()));
+    com_ptr<_cDIBSection> section = new_section(5, 5);
+    IPictureDisp* argument = picture.get();
+    unique_variant result;
+    ASSERT_EQ(S_OK, section->CreateFromPicture(&argument, result.get()));
+    const section_facts f = facts_of(section.get());
+    ASSERT_TRUE(f.width == 32 && f.height == 16) << f.width << " x " << f.height;
+    for (long i = 0; i < 32 * 16; ++i)
+        ASSERT_EQ(pattern(i % 32, i / 32), pixel_at(section.get(), i % 32, i / 32)) << "pixel " << i;
+}
+
+// CopyToClipboard(False) leaves a bitmap of the section's size; an empty
+// section one of its own, never the platform's shared stock bitmap, which
+// the clipboard would delete; a negative size is refused.
+TEST(DibSectionCopyToClipboard, LeavesABitmapOfTheSectionsSize) {
+    const HDC probe = CreateCompatibleDC(nullptr);
+    const HGDIOBJ stock = GetCurrentObject(probe, OBJ_BITMAP);
+    DeleteDC(probe);
+    const struct { long width, height; bool copied; long bitmap_width, bitmap_height; } rows[] = {
+        {37, 21, true, 37, 21}, {0, 0, true, 1, 1}, {-5, 4, false, 0, 0}};
+    for (const auto& r : rows) {
+        com_ptr<_cDIBSection> section = new_section();
+        VARIANT_BOOL made = VARIANT_FALSE, copied = VARIANT_FALSE;
+        section->Create(r.width, r.height, &made);  // the header holds even a refused size
+        ASSERT_EQ(S_OK, section->CopyToClipboard(VARIANT_FALSE, &copied)) << r.width;
+        EXPECT_EQ(r.copied, copied == VARIANT_TRUE) << r.width;
+        ASSERT_TRUE(OpenClipboard(nullptr));
+        const HGDIOBJ bitmap = GetClipboardData(CF_BITMAP);
+        BITMAP record = {};
+        EXPECT_TRUE(!r.copied || (bitmap != stock && GetObjectW(bitmap, sizeof record, &record) &&
+                                  record.bmWidth == r.bitmap_width && record.bmHeight == r.bitmap_height))
+            << r.width << ": " << record.bmWidth << " x " << record.bmHeight;
+        EmptyClipboard();
+        CloseClipboard();
     }
 }
 

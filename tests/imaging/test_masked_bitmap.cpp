@@ -53,6 +53,14 @@ TEST(MaskedBitmap, BuiltOnceFromTheImageAndUnchangedByARefusal) {
     HBITMAP bitmap = client_bitmap(), second = client_bitmap(8, 4), elsewhere = client_bitmap(4, 2);
     HDC image = nullptr, mask = nullptr, inverted = nullptr, second_image = nullptr;
     {
+        // Asked first, the inverted image builds the mask too: with the mask
+        // unchanged it is the image.
+        com_ptr<_clsBitmap> first = create<_clsBitmap>(CLSID_clsBitmap, IID__clsBitmap);
+        ASSERT_TRUE(set_bitmap(first.get(), second));
+        const HDC inverted_first = dc_of(first.get(), &_clsBitmap::get_InvertImageDC);
+        EXPECT_TRUE(inverted_first && GetPixel(inverted_first, 5, 3) == image_colour(5, 3));
+    }
+    {
         com_ptr<_clsBitmap> masked = create<_clsBitmap>(CLSID_clsBitmap, IID__clsBitmap);
         ASSERT_TRUE(set_bitmap(masked.get(), bitmap));
         LONG height = 0;

@@ -259,7 +259,10 @@ TEST(EasyRegistryKeys, MakeKeyAndDeleteKeyActBelowTheCurrentKeyAndNeedOne) {
     scratch.set_value("gone", REG_SZ, {'x', 0});
     EXPECT_EQ(0, reg.delete_value(L"gone"));
     EXPECT_FALSE(scratch.value("gone"));
-    EXPECT_EQ(0, reg.cd(L"two")) << "after failures the object works normally";
+    EXPECT_EQ(failure, reg.cd(L"missing")) << "a relative CD that fails";
+    EXPECT_EQ(failure, reg.make_key(L"stray")) << "then acts on no other key";
+    EXPECT_FALSE(scratch.has_key(L"stray"));
+    EXPECT_EQ(0, reg.cd(scratch.path() + L"\\two")) << "after failures the object works normally";
 }
 
 TEST(EasyRegistryValues, WritesStoreWhatTheKindAccepts) {

@@ -1,7 +1,8 @@
 // Sinks for clsQuickSort's events, built the way a compiled VB client
 // builds its WithEvents sink: an IDispatch that also answers for the events
 // interface and takes the events by DISPID. They keep an item store of
-// their own, addressed by the sorter's indices.
+// their own, addressed by the sorter's indices, and, as VB handlers do,
+// leave the answer alone for two equal items.
 #pragma once
 
 #include "support/component.h"
@@ -81,7 +82,7 @@ public:
         if (hr != S_OK || !store_) return hr;
         int &a = store_->at(first.lVal), &b = store_->at(second.lVal);
         if (!is_less) std::swap(a, b);
-        else *answer = a < b ? -1 : a > b ? 1 : 0;
+        else if (a != b) *answer = a < b ? -1 : 1;
         return S_OK;
     }
 

@@ -1,5 +1,5 @@
 // How clsQuickSort's events reach their sinks: the connection point, cookies
-// and the enumerator.
+// and the enumerator; sinks that do not know an event or leave mid-sort.
 #include "sort/sort_sinks.h"
 
 namespace vx::test {
@@ -33,6 +33,35 @@ TEST(QuickSortConnections, CookiesNameConnectionsUntilTheyAreUnadvised) {
     EXPECT_EQ(0, b.events);
     EXPECT_EQ(S_OK, s.point->Unadvise(cookies[0]));
     EXPECT_EQ(S_OK, s.point->Unadvise(cookies[2]));
+    com_ptr<IConnectionPoint> other;
+    EXPECT_EQ(hex(CONNECT_E_NOCONNECTION), hex(s.sorter.query<IConnectionPointContainer>(IID_IConnectionPointContainer)
+                                                   ->FindConnectionPoint(IID_IDispatch, other.put())));
+}
+
+// Every sink hears every event in turn: one that does not know SwapItems is
+// passed over, and one that unadvises inside its second event hears no more
+// and is let go when the sort ends (the sinks check their references).
+TEST(QuickSortConnections, SinksThatDoNotKnowAnEventOrLeaveMidSortLetTheSortGoOn) {
+    item_store store{1, {3, 1, 2}};
+    event_list deaf_heard, leaving_heard, keeper_heard;
+    recording_sink deaf(nullptr), leaving(nullptr), keeper(&store);
+    deaf.log = &deaf_heard, leaving.log = &leaving_heard, keeper.log = &keeper_heard;
+    connected_sorter s = new_sorter();
+    deaf.before = [](DISPID id, LONG, LONG, SHORT*, EXCEPINFO*) {
+        return id == sort_event::SwapItems ? DISP_E_MEMBERNOTFOUND : S_OK;
+    };
+    const DWORD deaf_cookie = s.advise(&deaf), leaving_cookie = s.advise(&leaving), keeper_cookie = s.advise(&keeper);
+    leaving.before = [&](DISPID, LONG, LONG, SHORT*, EXCEPINFO*) {
+        return leaving_heard.size() == 2 ? s.point->Unadvise(leaving_cookie) : S_OK;
+    };
+    EXPECT_EQ(S_OK, s.sorter->Sort(3, 1));
+    const event_list worked_example = {"isLess(1,3)", "SwapItems(1,3)", "isLess(1,3)", "isLess(2,3)",
+                                       "isLess(3,3)", "isLess(1,2)", "SwapItems(1,2)"};
+    EXPECT_TRUE(keeper_heard == worked_example && deaf_heard == worked_example);
+    EXPECT_EQ((event_list{"isLess(1,3)", "SwapItems(1,3)"}), leaving_heard);
+    EXPECT_EQ((std::vector<int>{1, 2, 3}), store.values);
+    EXPECT_EQ(hex(CONNECT_E_NOCONNECTION), hex(s.point->Unadvise(leaving_cookie)));
+    s.point->Unadvise(deaf_cookie), s.point->Unadvise(keeper_cookie);
 }
 
 }  // namespace

@@ -1,8 +1,9 @@
 // clsQuickSort: the exact events of a sort, the order it leaves, how deep it
-// may nest, failing handlers, runtime.
+// may nest, the overflow of its index arithmetic, failing handlers, runtime.
 #include "frame/runtime.h"
 #include "sort/sort_sinks.h"
 
+#include <climits>
 #include <numeric>
 #include <functional>
 #include <optional>
@@ -21,14 +22,16 @@ struct sort_outcome {
 using event_hook = std::function<HRESULT(DISPID, LONG, LONG, SHORT*, EXCEPINFO*)>;
 
 // Sorts through the vtable, or through IDispatch without firstNdx, with one
-// sink that keeps the store.
+// sink that keeps the store and stops a sort that runs past 100 events.
 sort_outcome run_sort(const item_store& items, LONG last, std::optional<LONG> first, event_hook before = nullptr) {
     item_store store = items;
     connected_sorter s = new_sorter();
     sort_outcome outcome{};
     recording_sink sink(&store);
     sink.log = &outcome.events;
-    sink.before = std::move(before);
+    sink.before = [&](DISPID id, LONG a, LONG b, SHORT* answer, EXCEPINFO* exception) {
+        return outcome.events.size() > 100 ? E_ABORT : before ? before(id, a, b, answer, exception) : S_OK;
+    };
     const DWORD cookie = s.advise(&sink);
     s.sorter->put_runtime(77);
     VARIANT argument;
@@ -107,6 +110,24 @@ TEST(QuickSortEvents, PresortedAndEqualRangesCostTheQuadraticCountWithoutSwapsAn
         EXPECT_TRUE(code == 0 && run.hr == S_OK) << run.n << ": the thread did not end normally";
         EXPECT_EQ(run.n * (run.n + 1LL) / 2 + run.n - 4, run.comparisons) << run.n << (run.all_equal ? " equal" : "");
         EXPECT_EQ(0, run.swaps) << run.n;
+    }
+}
+
+TEST(QuickSortErrors, IndexArithmeticOverflowsWithError6) {
+    struct case_ { const char* name; LONG last, first; item_store store; event_list events; };  // events before it
+    const case_ cases[] = {
+        {"width one past the largest Long", LONG_MAX - 1, -2, {1, {}}, {}},
+        {"pivot at the largest Long: p + 1 after the lower part", LONG_MAX, LONG_MAX - 2, {LONG_MAX - 2, {3, 1, 2}},
+         {"isLess(2147483645,2147483647)", "SwapItems(2147483645,2147483647)", "isLess(2147483645,2147483647)",
+          "isLess(2147483646,2147483647)", "isLess(2147483647,2147483647)", "isLess(2147483645,2147483646)",
+          "SwapItems(2147483645,2147483646)"}},
+    };
+    for (const case_& c : cases) {
+        const sort_outcome got = run_sort(c.store, c.last, c.first);
+        EXPECT_EQ(hex(automation_error_number(6)), hex(got.hr)) << c.name;
+        EXPECT_TRUE(got.error.source == L"clsQuickSort.Sort" && got.error.description == L"Overflow") << c.name;
+        EXPECT_EQ(c.events, got.events) << c.name;
+        EXPECT_EQ(77, got.runtime) << c.name << ": a failed sort keeps the old runtime";
     }
 }
 
