@@ -202,6 +202,28 @@ def report(mutants, baseline, elapsed, quick):
     return '\n'.join(lines) + '\n'
 
 
+def judge(p, tree, args, baseline, cap):
+    """Plants one fault, rebuilds, runs the suite and takes the fault out again."""
+    m = {'name': p.stem, 'description': description(p), 'killers': [], 'finished': True}
+    if not patch(p, '--dry-run'):
+        m['outcome'] = 'stale'
+    else:
+        patch(p)
+        build_log = RESULTS / (p.stem + '.build.log')
+        if run(['cmake', '--build', tree, '-j', str(args.jobs)], log=build_log) != 0:
+            m['killers'] = compile_killers(build_log)
+            m['outcome'] = 'tests' if m['killers'] else 'build'
+        else:
+            outcomes, m['finished'] = ctest(tree, args.jobs, cap, RESULTS / (p.stem + '.log'), args.quick,
+                                           touches_release(p))
+            m['killers'] = sorted(t for t, ok in outcomes.items() if not ok and baseline.get(t))
+            m['outcome'] = 'tests' if m['killers'] or not m['finished'] else 'survived'
+        if not patch(p, '-R'):
+            sync_tree()
+        registries(save=False)
+    return m
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split('\n')[0])
     parser.add_argument('patches', nargs='*', help='faults to plant (names or parts of names); all by default')
@@ -253,24 +275,8 @@ def main():
             mutants.append(json.loads(saved.read_text()))
             resumed += mutants[-1].get('seconds', 0)
             continue
-        m = {'name': p.stem, 'description': description(p), 'killers': [], 'finished': True}
         fault_started = time.time()
-        if not patch(p, '--dry-run'):
-            m['outcome'] = 'stale'
-        else:
-            patch(p)
-            build_log = RESULTS / (p.stem + '.build.log')
-            if run(['cmake', '--build', tree, '-j', str(args.jobs)], log=build_log) != 0:
-                m['killers'] = compile_killers(build_log)
-                m['outcome'] = 'tests' if m['killers'] else 'build'
-            else:
-                outcomes, m['finished'] = ctest(tree, args.jobs, cap, RESULTS / (p.stem + '.log'), args.quick,
-                                                   touches_release(p))
-                m['killers'] = sorted(t for t, ok in outcomes.items() if not ok and baseline.get(t))
-                m['outcome'] = 'tests' if m['killers'] or not m['finished'] else 'survived'
-            if not patch(p, '-R'):
-                sync_tree()
-            registries(save=False)
+        m = judge(p, tree, args, baseline, cap)
         m['seconds'] = round(time.time() - fault_started)
         saved.write_text(json.dumps(m))
         mutants.append(m)
