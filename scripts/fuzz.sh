@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Runs the dispatch fuzzer long, on demand: about a million calls by default
-# (80,000 rounds over every class); other arguments go to the fuzzer, e.g.
+# Runs the dispatch fuzzer long, on demand: 560,000 calls by default
+# (80,000 rounds of one call to each class); other arguments go to the fuzzer, e.g.
 # `scripts/fuzz.sh --seed 7 --seconds 600`. Uses the tree of the first
 # platform that scripts/platforms.sh names. Exits with the number of failures.
 set -euo pipefail
