@@ -1462,12 +1462,14 @@ def emit_resources(lib, out_dir):
             items.append(('_SRCIID_' + t.name.upper(), [guid_bytes(lib.types[t.source].guid)]))
         for type_name, guids in items:
             data = b''.join(guids)
-            # The IIDs also stand here so that a changed item changes this file.
+            blob = struct.pack('<I', len(data)) + data
+            # The item's bytes also stand here: the build recompiles this
+            # script only when its own text changes.
             w('// %s: %s' % (type_name, ' '.join(
                 '{%s}' % str(uuid.UUID(bytes_le=g)).upper() for g in guids)))
+            w('//   %s' % blob.hex())
             file_name = type_name.lower().lstrip('_') + '.bin'
-            write_if_changed(os.path.join(out_dir, file_name),
-                             struct.pack('<I', len(data)) + data)
+            write_if_changed(os.path.join(out_dir, file_name), blob)
             w('LANGUAGE 0, 0')
             w('1 %s "%s"' % (type_name, os.path.join(out_dir, file_name)))
     return w.text()
