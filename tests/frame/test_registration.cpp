@@ -1,5 +1,5 @@
-// Registration, machine-wide and per user, in both registry views and beside the other
-// platform's build; refusals; the manifests. Ends registered, as the script clients expect.
+// Registration, machine-wide and per user, in both registry views and beside the other platform's
+// build; refusals; the manifests. Ends registered, as the script clients expect.
 #include "frame/class_table.h"
 #include "frame/registration.h"
 #include "library_identity.h"
@@ -15,16 +15,15 @@ namespace vx::test {
 namespace {
 
 const std::wstring libid = guid_text(identity::libid);
-
 // The library's version, which the registry writes in hexadecimal.
-std::wstring library_version() {
+const std::wstring library_version = [] {
     wchar_t version[16];
     wsprintfW(version, L"%x.%x", identity::library_major_version, identity::library_minor_version);
-    return version;
-}
-const std::wstring version_key = L"TypeLib\\" + libid + L"\\" + library_version();
-const wchar_t* const automation_marshaller = L"{00020424-0000-0000-C000-000000000046}";
-const wchar_t* const dispatch_marshaller = L"{00020420-0000-0000-C000-000000000046}";
+    return std::wstring(version);
+}();
+const std::wstring version_key = L"TypeLib\\" + libid + L"\\" + library_version;
+const wchar_t *const automation_marshaller = L"{00020424-0000-0000-C000-000000000046}",
+                     *const dispatch_marshaller = L"{00020420-0000-0000-C000-000000000046}";
 const bool win64 = sizeof(void*) == 8;
 const REGSAM both_views[] = {KEY_WOW64_32KEY, KEY_WOW64_64KEY};
 REGSAM view_of(bool platform_win64) { return platform_win64 ? KEY_WOW64_64KEY : KEY_WOW64_32KEY; }
@@ -70,7 +69,7 @@ std::vector<registry_value> registration_of(const std::wstring& path, bool platf
                                              {view, key + L"\\ProxyStubClsid", L"", i.marshaller},
                                              {view, key + L"\\ProxyStubClsid32", L"", i.marshaller},
                                              {view, key + L"\\TypeLib", L"", libid},
-                                             {view, key + L"\\TypeLib", L"Version", library_version()}});
+                                             {view, key + L"\\TypeLib", L"Version", library_version}});
             }
     }
     const REGSAM own = view_of(platform_win64);
@@ -87,8 +86,7 @@ std::vector<registry_value> registration_of(const std::wstring& path, bool platf
 void write(const scope& s, const std::vector<registry_value>& values) {
     for (const registry_value& v : values) {
         unique_hkey key;
-        RegCreateKeyExW(s.base, classes(v.key).c_str(), 0, nullptr, 0, KEY_SET_VALUE | v.view, nullptr, key.put(),
-                        nullptr);
+        RegCreateKeyExW(s.base, classes(v.key).c_str(), 0, nullptr, 0, KEY_SET_VALUE | v.view, nullptr, key.put(), nullptr);
         RegSetValueExW(key.get(), v.name.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE*>(v.value.c_str()),
                        static_cast<DWORD>((v.value.size() + 1) * sizeof(wchar_t)));
     }
@@ -127,9 +125,9 @@ std::string snapshot(const scope& s) {
     std::vector<std::wstring> lines;
     for_each_touched_key([&](REGSAM view, const std::wstring& key) { dump(s.base, view, key, lines); });
     std::sort(lines.begin(), lines.end());
-    std::wstring text;
-    for (const std::wstring& line : lines) text += line + L"\n";
-    return narrow(text);
+    std::string text;
+    for (const std::wstring& line : lines) text += narrow(line) + "\n";
+    return text;
 }
 
 void clear(const scope& s) {
@@ -212,26 +210,22 @@ TEST_F(Registration, RefusalsLeaveTheRegistryAsTheyFoundIt) {
 }
 
 TEST_F(Registration, EveryClassActivatesFromTheManifestsAlone) {
-    std::wstring folder = dll_path();
-    folder.erase(folder.find_last_of(L'\\') + 1);
-    const std::wstring manifest = folder + L"vxTypes32.client.manifest";
-    ACTCTXW description = {};
-    description.cbSize = sizeof description;
-    description.dwFlags = ACTCTX_FLAG_ASSEMBLY_DIRECTORY_VALID;
-    description.lpSource = manifest.c_str();
-    description.lpAssemblyDirectory = folder.c_str();
+    const std::wstring folder = dll_path().substr(0, dll_path().find_last_of(L'\\') + 1),
+                       manifest = folder + L"vxTypes32.client.manifest";
+    ACTCTXW description = {sizeof description, ACTCTX_FLAG_ASSEMBLY_DIRECTORY_VALID, manifest.c_str(), 0, 0, folder.c_str(),
+                           nullptr, nullptr, nullptr};
     const HANDLE context = CreateActCtxW(&description);
     ULONG_PTR cookie = 0;
     ASSERT_TRUE(context != INVALID_HANDLE_VALUE && ActivateActCtx(context, &cookie)) << "the manifests load";
     for (const class_entry& c : class_table()) {
-        com_ptr<IDispatch> object, named;
-        EXPECT_EQ(S_OK, CoCreateInstance(*c.clsid, nullptr, CLSCTX_INPROC_SERVER, *c.interface_id, object.put_void()))
-            << narrow(c.name) << " by CLSID";
         // Within an activation context a ProgID may map to an alias of the
         // CLSID, which activates the same class.
         CLSID by_name{};
-        EXPECT_EQ(S_OK, CLSIDFromProgID(prog_id(c).c_str(), &by_name)) << narrow(c.name);
-        EXPECT_EQ(S_OK, CoCreateInstance(by_name, nullptr, CLSCTX_INPROC_SERVER, *c.interface_id, named.put_void()))
+        com_ptr<IDispatch> object, named;
+        EXPECT_EQ(S_OK, CoCreateInstance(*c.clsid, nullptr, CLSCTX_INPROC_SERVER, *c.interface_id, object.put_void()))
+            << narrow(c.name) << " by CLSID";
+        EXPECT_TRUE(CLSIDFromProgID(prog_id(c).c_str(), &by_name) == S_OK &&
+                    CoCreateInstance(by_name, nullptr, CLSCTX_INPROC_SERVER, *c.interface_id, named.put_void()) == S_OK)
             << narrow(c.name) << " by ProgID";
     }
     DeactivateActCtx(0, cookie);

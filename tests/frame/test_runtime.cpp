@@ -11,10 +11,8 @@
 
 namespace {
 
-constexpr LCID english = 0x0409;
-constexpr LCID german = 0x0407;
-const double not_a_number = std::numeric_limits<double>::quiet_NaN();
-const double infinity = std::numeric_limits<double>::infinity();
+constexpr LCID english = 0x0409, german = 0x0407;
+const double nan = std::numeric_limits<double>::quiet_NaN(), infinity = std::numeric_limits<double>::infinity();
 
 vx::automation_error raised_by(const std::function<void()>& body) {
     try {
@@ -35,7 +33,7 @@ TEST(RuntimeNumbers, WholeNumberConversionsRoundHalvesToEvenAndRefuseOverflow) {
     const row rows[] = {
         {to_long, 0.5, 0}, {to_long, 1.5, 2}, {to_long, 2.5, 2}, {to_long, -1.5, -2},
         {to_long, -2147483648.5, -2147483647L - 1}, {to_long, 2147483647.5, 0, true}, {to_long, -infinity, 0, true},
-        {to_long, not_a_number, 0, true}, {to_integer, 32767.5, 0, true}, {to_byte, 254.5, 254}, {to_byte, -0.6, 0, true},
+        {to_long, nan, 0, true}, {to_integer, 32767.5, 0, true}, {to_byte, 254.5, 254}, {to_byte, -0.6, 0, true},
     };
     for (const row& r : rows) {
         SCOPED_TRACE(testing::Message() << "conversion " << r.to << " of " << r.value);
@@ -48,23 +46,18 @@ TEST(RuntimeNumbers, WholeNumberConversionsRoundHalvesToEvenAndRefuseOverflow) {
     }
 }
 
-TEST(RuntimeText, NumbersAsText) {
+// Trim takes spaces only; a start below 1 or a negative length is refused.
+TEST(RuntimeText, NumbersAsTextTrimAndTheRefusalsOfTheStringOperations) {
     struct row { LCID locale; double value; const wchar_t* expected; };
     const row rows[] = {
-        {english, 0.1 + 0.2, L"0.3"}, {english, 2.0 / 3, L"0.666666666666667"},
-        {english, 123456789012345678.0, L"1.23456789012346E+17"}, {english, 1e-5, L"1E-05"}, {english, -0.0, L"0"},
-        {german, -0.125, L"-0,125"}, {german, -infinity, L"-1.#INF"}, {english, not_a_number, L"1.#QNAN"},
-        {english, -std::numeric_limits<double>::quiet_NaN(), L"-1.#IND"},
+        {english, 0.1 + 0.2, L"0.3"}, {english, 2.0 / 3, L"0.666666666666667"}, {english, 123456789012345678.0, L"1.23456789012346E+17"},
+        {english, 1e-5, L"1E-05"}, {english, -0.0, L"0"}, {german, -0.125, L"-0,125"}, {german, -infinity, L"-1.#INF"},
+        {english, nan, L"1.#QNAN"}, {english, -nan, L"-1.#IND"},
     };
     for (const row& r : rows)
         EXPECT_EQ(vx::double_to_text(r.value, r.locale), r.expected) << "locale " << r.locale << ", " << r.value;
-    for (const auto& r : {std::pair{0u, L"0"}, {0xABCDEFu, L"ABCDEF"}, {0xFFFFFFFFu, L"FFFFFFFF"}})
-        EXPECT_EQ(vx::hex(r.first), r.second) << r.first;
+    for (const auto& r : {std::pair{0u, L"0"}, {0xABCDEFu, L"ABCDEF"}, {0xFFFFFFFFu, L"FFFFFFFF"}}) EXPECT_EQ(vx::hex(r.first), r.second);
     EXPECT_EQ(vx::format_number(305419896, L"0,000,000,000", german), L"0.305.419.896");
-}
-
-// Trim takes spaces only; a start below 1 or a negative length is refused.
-TEST(RuntimeText, TrimAndTheRefusalsOfTheStringOperations) {
     EXPECT_EQ(vx::trim(L" \ta\t  "), L"\ta\t");
     const std::function<void()> refused[] = {[] { vx::instr(L"abc", L"a", 0, L"S"); }, [] { vx::mid(L"abc", 0, L"S"); },
                                              [] { vx::left(L"abc", -1, L"S"); }};
@@ -74,13 +67,12 @@ TEST(RuntimeText, TrimAndTheRefusalsOfTheStringOperations) {
     }
 }
 
-std::vector<float> draws(int count) {
-    std::vector<float> values;
-    for (int i = 0; i < count; ++i) values.push_back(vx::random_number());
-    return values;
-}
-
 TEST(RuntimeServices, RandomNumbersCoverTheUnitIntervalAndRepeatAfterReseed) {
+    auto draws = [](int count) {
+        std::vector<float> values;
+        while (count--) values.push_back(vx::random_number());
+        return values;
+    };
     vx::reseed_random(12345.5);
     std::vector<int> byte_counts(256);
     for (float r : draws(100000)) {

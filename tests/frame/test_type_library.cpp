@@ -1,10 +1,9 @@
 // The type library embedded in the built DLL, loaded by the platform: every
-// reference to another library resolves, and the whole binary contract that
-// compiled clients depend on (names, DISPIDs, vtable slots, flags, parameter
-// flags and defaults, enumeration values, record fields) hashes to the value
-// recorded here. The writer already proves the library matches the .types
-// descriptions; this catches a change to those descriptions that nobody meant.
-// Both DLLs give the same listing; after a deliberate change,
+// reference to another library resolves, and the binary contract compiled
+// clients depend on (names, DISPIDs, vtable slots, flags, parameter flags and
+// defaults, enumeration values, record fields) hashes to the value recorded
+// here: the writer proves the library matches the .types descriptions, this
+// catches a change to them that nobody meant. Both DLLs give the same listing;
 // VX_TYPELIB_LISTING=<file> writes it out. Then the DLL's other resources.
 #include "frame/class_table.h"
 #include "frame/registration.h"
@@ -18,9 +17,7 @@
 namespace vx::test {
 namespace {
 
-// The stand-in for the VB runtime's library is registered by the dispatch
-// battery's environment, in the same program.
-
+// The stand-in for the VB runtime's library is registered by the dispatch battery's environment.
 std::wstring name_of(ITypeInfo* info, MEMBERID member = MEMBERID_NIL) {
     unique_bstr name;
     info->GetDocumentation(member, name.put(), nullptr, nullptr, nullptr);
@@ -40,24 +37,19 @@ std::wstring type_text(ITypeInfo* owner, const TYPEDESC& type) {
     if (type.vt == VT_I8 && sizeof(void*) == 8) return L"vt3";
     if (type.vt != VT_USERDEFINED) return L"vt" + std::to_wstring(type.vt);
     com_ptr<ITypeInfo> target;
-    EXPECT_EQ(S_OK, owner->GetRefTypeInfo(type.hreftype, target.put()));
-    if (!target) return L"(unresolved)";
     TYPEATTR* a = nullptr;
-    target->GetTypeAttr(&a);
+    if (owner->GetRefTypeInfo(type.hreftype, target.put()) != S_OK || target->GetTypeAttr(&a) != S_OK) return L"(unresolved)";
     const std::wstring text = name_of(target.get()) + guid_text(a->guid);
     target->ReleaseTypeAttr(a);
     return text;
 }
 
 std::wstring value_text(const VARIANT* value) {
+    unique_variant copy;
     if (!value) return L"";
-    VARIANT copy;
-    VariantInit(&copy);
-    std::wstring text = L"=" + std::to_wstring(value->vt) + L":";
-    if (value->vt == VT_BOOL) text += std::to_wstring(static_cast<USHORT>(value->boolVal));
-    else if (SUCCEEDED(VariantChangeType(&copy, const_cast<VARIANT*>(value), 0, VT_BSTR))) text += text_of(copy.bstrVal);
-    VariantClear(&copy);
-    return text;
+    if (value->vt == VT_BOOL) return L"=11:" + std::to_wstring(static_cast<USHORT>(value->boolVal));
+    VariantChangeType(copy.get(), const_cast<VARIANT*>(value), 0, VT_BSTR);
+    return L"=" + std::to_wstring(value->vt) + L":" + (V_VT(copy.get()) == VT_BSTR ? text_of(V_BSTR(copy.get())) : L"");
 }
 
 // One line per fact; sizes and offsets that depend on the pointer size are
@@ -71,9 +63,8 @@ void list_type(ITypeInfo* info, std::wstring& out) {
         HREFTYPE reference = 0;
         int flags = 0;
         com_ptr<ITypeInfo> target;
-        EXPECT_EQ(S_OK, info->GetRefTypeOfImplType(i, &reference));
-        EXPECT_EQ(S_OK, info->GetImplTypeFlags(i, &flags));
-        EXPECT_EQ(S_OK, info->GetRefTypeInfo(reference, target.put())) << "an implemented type does not resolve";
+        EXPECT_TRUE(info->GetRefTypeOfImplType(i, &reference) == S_OK && info->GetImplTypeFlags(i, &flags) == S_OK &&
+                    info->GetRefTypeInfo(reference, target.put()) == S_OK) << "an implemented type does not resolve";
         if (target) out += L" impl " + name_of(target.get()) + L" " + std::to_wstring(flags) + L"\n";
     }
     for (UINT i = 0; i < a->cFuncs; ++i) {
@@ -132,9 +123,8 @@ TEST(TypeLibrary, EmbeddedLibraryResolvesAndKeepsItsBinaryContract) {
             list_type(vtable.get(), listing);
     }
     EXPECT_EQ(std::wstring::npos, listing.find(L"(unresolved)"));
-    if (const char* file = std::getenv("VX_TYPELIB_LISTING")) {
-        if (FILE* out = std::fopen(file, "wb")) std::fputs(std::string(listing.begin(), listing.end()).c_str(), out), std::fclose(out);
-    }
+    if (FILE* out = std::getenv("VX_TYPELIB_LISTING") ? std::fopen(std::getenv("VX_TYPELIB_LISTING"), "wb") : nullptr)
+        std::fputs(narrow(listing).c_str(), out), std::fclose(out);
     EXPECT_EQ(11736308034015426356ull, fnv1a(listing)) << "the binary contract changed; if that was meant, record the new hash";
 }
 
@@ -151,11 +141,10 @@ TEST(Resources, SelfRegistrationIsDeclaredAndIidItemsCountTheirBytes) {
     for (const class_entry& c : class_table()) {
         std::wstring name = c.name;
         for (wchar_t& letter : name) letter = towupper(letter);
-        const std::pair<std::wstring, std::vector<const IID*>> items[] = {
-            {L"_IID_" + name, c.earlier_interface_id ? std::vector<const IID*>{c.earlier_interface_id, c.interface_id}
-                                                      : std::vector<const IID*>{c.interface_id}},
-            {L"_SRCIID_" + name, c.source_interface ? std::vector<const IID*>{c.source_interface}
-                                                    : std::vector<const IID*>{}}};
+        using list = std::vector<const IID*>;
+        const std::pair<std::wstring, list> items[] = {
+            {L"_IID_" + name, c.earlier_interface_id ? list{c.earlier_interface_id, c.interface_id} : list{c.interface_id}},
+            {L"_SRCIID_" + name, c.source_interface ? list{c.source_interface} : list{}}};
         for (const auto& [type, iids] : items) {
             const HRSRC found = FindResourceW(dll().module, MAKEINTRESOURCEW(1), type.c_str());
             ASSERT_EQ(iids.empty(), !found) << narrow(type);
