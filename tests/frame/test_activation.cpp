@@ -1,4 +1,9 @@
-// Activation through the DLL's own exports: class objects, instances, identity, unload counting and failures.
+// What the DLL publishes and activates through its own exports: class objects, instances, identity, unload
+// counting and failures; the embedded type library, loaded by the platform: every reference to another library
+// resolves, and the binary contract compiled clients depend on (names, DISPIDs, vtable slots, flags, parameter
+// flags and defaults, enumeration values, record fields) hashes to the value recorded here: the writer proves
+// the library matches the .types descriptions, this catches a change to them that nobody meant. Both DLLs give
+// the same listing; VX_TYPELIB_LISTING=<file> writes it out. Then the DLL's other resources.
 #include "frame/class_table.h"
 #include "frame/registration.h"
 #include "support/component.h"
@@ -7,6 +12,9 @@
 #include <ocidl.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
 #include <vector>
 
 namespace vx::test {
@@ -123,6 +131,137 @@ TEST(Identity, EachClassAnswersForWhatTheTypeLibraryPublishesOfIt) {
         GUID source{};
         EXPECT_TRUE(!second || (second->GetGUID(GUIDKIND_DEFAULT_SOURCE_DISP_IID, &source) == S_OK && source == own.events))
             << narrow(c.name);
+    }
+}
+
+// The type library's binary contract, one line per fact; the stand-in for the VB runtime's library that it
+// imports is registered by the dispatch battery's environment.
+std::wstring name_of(ITypeInfo* info, MEMBERID member = MEMBERID_NIL) {
+    unique_bstr name;
+    info->GetDocumentation(member, name.put(), nullptr, nullptr, nullptr);
+    return text_of(name.get());
+}
+
+std::wstring type_text(ITypeInfo* owner, const TYPEDESC& type) {
+    if (type.vt == VT_PTR || type.vt == VT_SAFEARRAY) return L"*" + type_text(owner, *type.lptdesc);
+    if (type.vt == VT_CARRAY) {
+        std::wstring bounds;
+        for (const SAFEARRAYBOUND* b = type.lpadesc->rgbounds; b < type.lpadesc->rgbounds + type.lpadesc->cDims; ++b)
+            bounds += std::to_wstring(b->lLbound) + L"+" + std::to_wstring(b->cElements);
+        return L"[" + bounds + L"]" + type_text(owner, type.lpadesc->tdescElem);
+    }
+    // LongPtr, the only 64-bit integer here, is a Long in the 32-bit DLL.
+    if (type.vt == VT_I8 && sizeof(void*) == 8) return L"vt3";
+    if (type.vt != VT_USERDEFINED) return L"vt" + std::to_wstring(type.vt);
+    com_ptr<ITypeInfo> target;
+    if (owner->GetRefTypeInfo(type.hreftype, target.put()) != S_OK) return L"(unresolved)";
+    return name_of(target.get()) + guid_text(guid_of(target.get()));
+}
+
+std::wstring value_text(const VARIANT* value) {
+    unique_variant copy;
+    if (!value) return L"";
+    if (value->vt == VT_BOOL) return L"=11:" + std::to_wstring(static_cast<USHORT>(value->boolVal));
+    VariantChangeType(copy.get(), const_cast<VARIANT*>(value), 0, VT_BSTR);
+    return L"=" + std::to_wstring(value->vt) + L":" + (V_VT(copy.get()) == VT_BSTR ? text_of(V_BSTR(copy.get())) : L"");
+}
+
+// Sizes and offsets that depend on the pointer size are left to the generated header's static asserts.
+void list_type(ITypeInfo* info, std::wstring& out) {
+    TYPEATTR* a = nullptr;
+    ASSERT_EQ(S_OK, info->GetTypeAttr(&a));
+    out += name_of(info) + L" " + guid_text(a->guid) + L" k" + std::to_wstring(a->typekind) + L" f" + std::to_wstring(a->wTypeFlags) +
+           L" v" + std::to_wstring(a->cbSizeVft / sizeof(void*)) + L"\n";
+    for (UINT i = 0; i < a->cImplTypes; ++i) {
+        HREFTYPE reference = 0;
+        int flags = 0;
+        com_ptr<ITypeInfo> target;
+        EXPECT_TRUE(info->GetRefTypeOfImplType(i, &reference) == S_OK && info->GetImplTypeFlags(i, &flags) == S_OK &&
+                    info->GetRefTypeInfo(reference, target.put()) == S_OK) << "an implemented type does not resolve";
+        if (target) out += L" impl " + name_of(target.get()) + L" " + std::to_wstring(flags) + L"\n";
+    }
+    for (UINT i = 0; i < a->cFuncs; ++i) {
+        FUNCDESC* f = nullptr;
+        ASSERT_EQ(S_OK, info->GetFuncDesc(i, &f));
+        BSTR names[32] = {};
+        UINT count = 0;
+        info->GetNames(f->memid, names, 32, &count);
+        out += L" func " + std::to_wstring(f->memid) + L" i" + std::to_wstring(f->invkind) + L" s" + std::to_wstring(f->oVft / sizeof(void*)) +
+               L" f" + std::to_wstring(f->wFuncFlags) + L" c" + std::to_wstring(f->callconv) + L" o" + std::to_wstring(f->cParamsOpt) +
+               L" " + type_text(info, f->elemdescFunc.tdesc);
+        for (UINT n = 0; n < count; ++n) out += L" " + text_of(names[n]), SysFreeString(names[n]);
+        for (SHORT p = 0; p < f->cParams; ++p) {
+            const PARAMDESC& d = f->lprgelemdescParam[p].paramdesc;
+            out += L" (" + std::to_wstring(d.wParamFlags) + type_text(info, f->lprgelemdescParam[p].tdesc) +
+                   value_text(d.wParamFlags & PARAMFLAG_FHASDEFAULT ? &d.pparamdescex->varDefaultValue : nullptr) + L")";
+        }
+        out += L"\n", info->ReleaseFuncDesc(f);
+    }
+    for (UINT i = 0; i < a->cVars; ++i) {
+        VARDESC* v = nullptr;
+        ASSERT_EQ(S_OK, info->GetVarDesc(i, &v));
+        out += L" var " + name_of(info, v->memid) + L" " + type_text(info, v->elemdescVar.tdesc) +
+               value_text(v->varkind == VAR_CONST ? v->lpvarValue : nullptr) + L"\n";
+        info->ReleaseVarDesc(v);
+    }
+    if (a->typekind == TKIND_ALIAS) out += L" alias " + type_text(info, a->tdescAlias) + L"\n";
+    info->ReleaseTypeAttr(a);
+}
+
+std::uint64_t fnv1a(const std::wstring& text) {
+    std::uint64_t hash = 14695981039346656037ull;
+    for (wchar_t c : text) hash = (hash ^ static_cast<std::uint16_t>(c)) * 1099511628211ull;
+    return hash;
+}
+
+TEST(TypeLibrary, EmbeddedLibraryResolvesAndKeepsItsBinaryContract) {
+    com_ptr<ITypeLib> library;
+    ASSERT_EQ(S_OK, LoadTypeLibEx(dll_path().c_str(), REGKIND_NONE, library.put()));
+    TLIBATTR* attributes = nullptr;
+    ASSERT_EQ(S_OK, library->GetLibAttr(&attributes));
+    std::wstring listing = guid_text(attributes->guid) + L" " + std::to_wstring(attributes->wMajorVerNum) + L"." + std::to_wstring(attributes->wMinorVerNum) + L"\n";
+    library->ReleaseTLibAttr(attributes);
+    for (UINT i = 0; i < library->GetTypeInfoCount(); ++i) {
+        com_ptr<ITypeInfo> info;
+        ASSERT_EQ(S_OK, library->GetTypeInfo(i, info.put()));
+        list_type(info.get(), listing);
+        HREFTYPE dispatch_view = 0;  // the vtable half of a dual interface
+        com_ptr<ITypeInfo> vtable;
+        if (SUCCEEDED(info->GetRefTypeOfImplType(-1, &dispatch_view)) && SUCCEEDED(info->GetRefTypeInfo(dispatch_view, vtable.put())))
+            list_type(vtable.get(), listing);
+    }
+    EXPECT_EQ(std::wstring::npos, listing.find(L"(unresolved)"));
+    if (FILE* out = std::getenv("VX_TYPELIB_LISTING") ? std::fopen(std::getenv("VX_TYPELIB_LISTING"), "wb") : nullptr)
+        std::fputs(narrow(listing).c_str(), out), std::fclose(out);
+    EXPECT_EQ(11736308034015426356ull, fnv1a(listing)) << "the binary contract changed; if that was meant, record the new hash";
+}
+
+// The version resource declares that the DLL registers itself. Each class's _IID_ item (and _SRCIID_ for its
+// events) is a byte count and then the IIDs, an earlier one first.
+TEST(Resources, SelfRegistrationIsDeclaredAndIidItemsCountTheirBytes) {
+    DWORD ignored = 0;
+    std::vector<char> block(GetFileVersionInfoSizeW(dll_path().c_str(), &ignored));
+    ASSERT_TRUE(!block.empty() && GetFileVersionInfoW(dll_path().c_str(), 0, static_cast<DWORD>(block.size()), block.data()));
+    void* value = nullptr;
+    UINT length = 0;
+    EXPECT_TRUE(VerQueryValueW(block.data(), L"\\StringFileInfo\\040904B0\\OLESelfRegister", &value, &length));
+    for (const class_entry& c : class_table()) {
+        std::wstring name = c.name;
+        CharUpperW(name.data());
+        using list = std::vector<const IID*>;
+        const std::pair<std::wstring, list> items[] = {
+            {L"_IID_" + name, c.earlier_interface_id ? list{c.earlier_interface_id, c.interface_id} : list{c.interface_id}},
+            {L"_SRCIID_" + name, c.source_interface ? list{c.source_interface} : list{}}};
+        for (const auto& [type, iids] : items) {
+            const HRSRC found = FindResourceW(dll().module, MAKEINTRESOURCEW(1), type.c_str());
+            ASSERT_EQ(iids.empty(), !found) << narrow(type);
+            if (!found) continue;
+            const auto* data = static_cast<const unsigned char*>(LockResource(LoadResource(dll().module, found)));
+            std::vector<unsigned char> expected = {static_cast<unsigned char>(16 * iids.size()), 0, 0, 0};
+            for (const IID* iid : iids)
+                expected.insert(expected.end(), reinterpret_cast<const unsigned char*>(iid), reinterpret_cast<const unsigned char*>(iid + 1));
+            EXPECT_EQ(expected, std::vector<unsigned char>(data, data + SizeofResource(dll().module, found))) << narrow(type);
+        }
     }
 }
 

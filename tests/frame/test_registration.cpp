@@ -28,12 +28,7 @@ const bool win64 = sizeof(void*) == 8;
 const REGSAM both_views[] = {KEY_WOW64_32KEY, KEY_WOW64_64KEY};
 REGSAM view_of(bool platform_win64) { return platform_win64 ? KEY_WOW64_64KEY : KEY_WOW64_32KEY; }
 
-struct scope {
-    HKEY base;
-    registration_scope which;
-    const char* name;
-    HRESULT (*install)(BOOL on);
-};
+struct scope { HKEY base; registration_scope which; const char* name; HRESULT (*install)(BOOL on); };
 const scope machine = {HKEY_LOCAL_MACHINE, registration_scope::machine, "machine-wide",
                        [](BOOL on) { return on ? dll().register_server() : dll().unregister_server(); }};
 const scope user = {HKEY_CURRENT_USER, registration_scope::user, "per user",
@@ -41,8 +36,7 @@ const scope user = {HKEY_CURRENT_USER, registration_scope::user, "per user",
 
 std::wstring classes(const std::wstring& key) { return L"Software\\Classes\\" + key; }
 
-// Every marshalled interface of a class: the dual ones by the automation
-// marshaller, the events interface as a dispinterface.
+// Every marshalled interface of a class: the dual ones by the automation marshaller, the events as a dispinterface.
 struct marshalled { const IID* iid; std::wstring name; const wchar_t* marshaller; };
 std::vector<marshalled> interfaces_of(const class_entry& c) {
     std::vector<marshalled> found = {{c.interface_id, std::wstring(L"_") + c.name, automation_marshaller}};
@@ -58,17 +52,13 @@ std::vector<registry_value> registration_of(const std::wstring& path, bool platf
     std::vector<registry_value> values;
     const std::wstring path_key = version_key + (platform_win64 ? L"\\0\\win64" : L"\\0\\win32");
     for (REGSAM view : both_views) {
-        values.insert(values.end(), {{view, version_key, L"", identity::library_name},
-                                     {view, version_key + L"\\FLAGS", L"", L"0"},
-                                     {view, version_key + L"\\HELPDIR", L"", path.substr(0, path.rfind(L'\\'))},
-                                     {view, path_key, L"", path}});
+        values.insert(values.end(), {{view, version_key, L"", identity::library_name}, {view, version_key + L"\\FLAGS", L"", L"0"},
+                                     {view, version_key + L"\\HELPDIR", L"", path.substr(0, path.rfind(L'\\'))}, {view, path_key, L"", path}});
         for (const class_entry& c : class_table())
             for (const marshalled& i : interfaces_of(c)) {
                 const std::wstring key = L"Interface\\" + guid_text(*i.iid);
-                values.insert(values.end(), {{view, key, L"", i.name},
-                                             {view, key + L"\\ProxyStubClsid", L"", i.marshaller},
-                                             {view, key + L"\\ProxyStubClsid32", L"", i.marshaller},
-                                             {view, key + L"\\TypeLib", L"", libid},
+                values.insert(values.end(), {{view, key, L"", i.name}, {view, key + L"\\ProxyStubClsid", L"", i.marshaller},
+                                             {view, key + L"\\ProxyStubClsid32", L"", i.marshaller}, {view, key + L"\\TypeLib", L"", libid},
                                              {view, key + L"\\TypeLib", L"Version", library_version}});
             }
     }
@@ -112,12 +102,9 @@ void dump(HKEY base, REGSAM view, const std::wstring& key, std::vector<std::wstr
     lines.push_back(where);
     wchar_t name[256], data[1024];
     for (DWORD i = 0, length = 256, bytes = sizeof data, type = 0;
-         !RegEnumValueW(opened.get(), i, name, &length, nullptr, &type, reinterpret_cast<BYTE*>(data), &bytes);
-         ++i, length = 256, bytes = sizeof data)
-        lines.push_back(where + L" [" + name + L"] " + std::to_wstring(type) + L" " +
-                        std::wstring(data, wcsnlen(data, bytes / sizeof(wchar_t))));
-    for (DWORD i = 0, length = 256; !RegEnumKeyExW(opened.get(), i, name, &length, nullptr, nullptr, nullptr, nullptr);
-         ++i, length = 256)
+         !RegEnumValueW(opened.get(), i, name, &length, nullptr, &type, reinterpret_cast<BYTE*>(data), &bytes); ++i, length = 256, bytes = sizeof data)
+        lines.push_back(where + L" [" + name + L"] " + std::to_wstring(type) + L" " + std::wstring(data, wcsnlen(data, bytes / 2)));
+    for (DWORD i = 0, length = 256; !RegEnumKeyExW(opened.get(), i, name, &length, nullptr, nullptr, nullptr, nullptr); ++i, length = 256)
         dump(base, view, key + L"\\" + name, lines);
 }
 
@@ -148,9 +135,8 @@ protected:
     }
 };
 
-// Alone, this build writes what registration_of says, in its scope only.
-// Beside the other platform's build, arranged as its registration leaves
-// it, unregistering either leaves the other as if registered alone, and a
+// Alone, this build writes what registration_of says, in its scope only. Beside the other platform's build,
+// arranged as its registration leaves it, unregistering either leaves the other as if registered alone, and a
 // third party's addition to the shared library key stays.
 TEST_F(Registration, EachBuildRoundTripsAloneAndBesideTheOther) {
     com_ptr<ITypeLib> library;
@@ -181,16 +167,15 @@ TEST_F(Registration, EachBuildRoundTripsAloneAndBesideTheOther) {
     }
 }
 
-// A step refused half-way (no lasting key under a volatile one) undoes what
-// the call wrote or changed; an unknown install command line does nothing.
+// A step refused half-way (no lasting key under a volatile one) undoes what the call wrote or changed; an
+// unknown install command line does nothing.
 TEST_F(Registration, RefusalsLeaveTheRegistryAsTheyFoundIt) {
     const class_entry &first = *class_table_begin(), &last = *(class_table_end() - 1);
     const struct { std::wstring key; HRESULT expected; } refused[] = {{L"TypeLib\\" + libid, SELFREG_E_TYPELIB},
                                                                       {prog_id(last), SELFREG_E_CLASS}};
     for (const scope* s : {&machine, &user})
         for (const auto& step : refused) {
-            write(*s, {{view_of(win64), L"CLSID\\" + guid_text(*first.clsid) + L"\\InprocServer32", L"",
-                        L"C:\\Old\\vxTypes32.dll"}});
+            write(*s, {{view_of(win64), L"CLSID\\" + guid_text(*first.clsid) + L"\\InprocServer32", L"", L"C:\\Old\\vxTypes32.dll"}});
             unique_hkey blocked;
             ASSERT_EQ(0, RegCreateKeyExW(s->base, classes(step.key).c_str(), 0, nullptr, REG_OPTION_VOLATILE,
                                          KEY_READ | view_of(win64), nullptr, blocked.put(), nullptr));
@@ -218,8 +203,7 @@ TEST_F(Registration, EveryClassActivatesFromTheManifestsAlone) {
     ULONG_PTR cookie = 0;
     ASSERT_TRUE(context != INVALID_HANDLE_VALUE && ActivateActCtx(context, &cookie)) << "the manifests load";
     for (const class_entry& c : class_table()) {
-        // Within an activation context a ProgID may map to an alias of the
-        // CLSID, which activates the same class.
+        // Within an activation context a ProgID may map to an alias of the CLSID, which activates the same class.
         CLSID by_name{};
         com_ptr<IDispatch> object, named;
         EXPECT_EQ(S_OK, CoCreateInstance(*c.clsid, nullptr, CLSCTX_INPROC_SERVER, *c.interface_id, object.put_void()))
