@@ -27,7 +27,6 @@ struct published_class {
     std::vector<GUID> interfaces;
     GUID events = GUID_NULL;
 };
-
 // A type's GUID, or where asked for, the GUID of the named type it is an alias of.
 GUID guid_of(ITypeInfo* info, bool aliased = false) {
     TYPEATTR* a = nullptr;
@@ -39,7 +38,6 @@ GUID guid_of(ITypeInfo* info, bool aliased = false) {
     info->ReleaseTypeAttr(a);
     return guid;
 }
-
 published_class published(ITypeLib* library, REFCLSID clsid) {
     published_class c;
     com_ptr<ITypeInfo> coclass;
@@ -59,10 +57,6 @@ published_class published(ITypeLib* library, REFCLSID clsid) {
     return c;
 }
 
-bool contains(const std::vector<GUID>& guids, REFGUID guid) {
-    return std::any_of(guids.begin(), guids.end(), [&](const GUID& g) { return IsEqualGUID(g, guid); });
-}
-
 TEST(ClassObjects, OnlyTheClassesHaveOneAndTheyRefuseAggregation) {
     const GUID made_up = {0x12345678, 0x1234, 0x1234, {1, 2, 3, 4, 5, 6, 7, 8}};
     for (const GUID* refused : {&LIBID_vxTypes32, &IID__UserInfo, &IID_IDispatch, &made_up}) {
@@ -77,7 +71,6 @@ TEST(ClassObjects, OnlyTheClassesHaveOneAndTheyRefuseAggregation) {
     void* object = reinterpret_cast<void*>(0x1234);
     EXPECT_TRUE(factory->CreateInstance(outer.get(), IID_IUnknown, &object) == CLASS_E_NOAGGREGATION && !object);
 }
-
 // An enumerator the sorter handed out is an object of the DLL too; a lock
 // released once too often counts nothing.
 TEST(Unloading, WaitsForEveryInstanceEnumeratorAndLock) {
@@ -103,22 +96,20 @@ TEST(Unloading, WaitsForEveryInstanceEnumeratorAndLock) {
 TEST(Identity, EachClassAnswersForWhatTheTypeLibraryPublishesOfIt) {
     com_ptr<ITypeLib> library;
     ASSERT_EQ(S_OK, LoadTypeLibEx(dll_path().c_str(), REGKIND_NONE, library.put()));
-    std::vector<published_class> classes;
     std::vector<GUID> every_interface;
     for (const class_entry& entry : class_table()) {
-        const published_class& c = classes.emplace_back(published(library.get(), *entry.clsid));
+        const published_class c = published(library.get(), *entry.clsid);
         every_interface.insert(every_interface.end(), c.interfaces.begin(), c.interfaces.end());
         if (!IsEqualGUID(c.events, GUID_NULL)) every_interface.push_back(c.events);
     }
-    const published_class* expected = classes.data();
     for (const class_entry& c : class_table()) {
-        const published_class& own = *expected++;
+        const published_class own = published(library.get(), *c.clsid);
         com_ptr<IUnknown> object = create<IUnknown>(*c.clsid, IID_IUnknown);
         ASSERT_TRUE(object && !own.interfaces.empty()) << narrow(c.name);
         com_ptr<ISupportErrorInfo> errors = object.query<ISupportErrorInfo>(IID_ISupportErrorInfo);
         for (const GUID& iid : every_interface) {
             com_ptr<IUnknown> answer;
-            const bool own_interface = contains(own.interfaces, iid);
+            const bool own_interface = std::count(own.interfaces.begin(), own.interfaces.end(), iid) > 0;
             EXPECT_EQ(own_interface ? S_OK : E_NOINTERFACE, object->QueryInterface(iid, answer.put_void()))
                 << narrow(c.name) << " asked for " << narrow(guid_text(iid));
             EXPECT_EQ(own_interface ? S_OK : S_FALSE, errors->InterfaceSupportsErrorInfo(iid))
@@ -133,7 +124,6 @@ TEST(Identity, EachClassAnswersForWhatTheTypeLibraryPublishesOfIt) {
             << narrow(c.name);
     }
 }
-
 // The type library's binary contract, one line per fact; the stand-in for the VB runtime's library that it
 // imports is registered by the dispatch battery's environment.
 std::wstring name_of(ITypeInfo* info, MEMBERID member = MEMBERID_NIL) {
@@ -141,7 +131,6 @@ std::wstring name_of(ITypeInfo* info, MEMBERID member = MEMBERID_NIL) {
     info->GetDocumentation(member, name.put(), nullptr, nullptr, nullptr);
     return text_of(name.get());
 }
-
 std::wstring type_text(ITypeInfo* owner, const TYPEDESC& type) {
     if (type.vt == VT_PTR || type.vt == VT_SAFEARRAY) return L"*" + type_text(owner, *type.lptdesc);
     if (type.vt == VT_CARRAY) {
@@ -157,7 +146,6 @@ std::wstring type_text(ITypeInfo* owner, const TYPEDESC& type) {
     if (owner->GetRefTypeInfo(type.hreftype, target.put()) != S_OK) return L"(unresolved)";
     return name_of(target.get()) + guid_text(guid_of(target.get()));
 }
-
 std::wstring value_text(const VARIANT* value) {
     unique_variant copy;
     if (!value) return L"";
@@ -165,7 +153,6 @@ std::wstring value_text(const VARIANT* value) {
     VariantChangeType(copy.get(), const_cast<VARIANT*>(value), 0, VT_BSTR);
     return L"=" + std::to_wstring(value->vt) + L":" + (V_VT(copy.get()) == VT_BSTR ? text_of(V_BSTR(copy.get())) : L"");
 }
-
 // Sizes and offsets that depend on the pointer size are left to the generated header's static asserts.
 void list_type(ITypeInfo* info, std::wstring& out) {
     TYPEATTR* a = nullptr;
@@ -207,7 +194,6 @@ void list_type(ITypeInfo* info, std::wstring& out) {
     if (a->typekind == TKIND_ALIAS) out += L" alias " + type_text(info, a->tdescAlias) + L"\n";
     info->ReleaseTypeAttr(a);
 }
-
 std::uint64_t fnv1a(const std::wstring& text) {
     std::uint64_t hash = 14695981039346656037ull;
     for (wchar_t c : text) hash = (hash ^ static_cast<std::uint16_t>(c)) * 1099511628211ull;
@@ -235,7 +221,6 @@ TEST(TypeLibrary, EmbeddedLibraryResolvesAndKeepsItsBinaryContract) {
         std::fputs(narrow(listing).c_str(), out), std::fclose(out);
     EXPECT_EQ(11736308034015426356ull, fnv1a(listing)) << "the binary contract changed; if that was meant, record the new hash";
 }
-
 // The version resource declares that the DLL registers itself. Each class's _IID_ item (and _SRCIID_ for its
 // events) is a byte count and then the IIDs, an earlier one first.
 TEST(Resources, SelfRegistrationIsDeclaredAndIidItemsCountTheirBytes) {

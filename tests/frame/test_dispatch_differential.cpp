@@ -15,18 +15,15 @@
 namespace vx::test {
 namespace {
 
-// The reference path resolves imported types through the registry, so the
-// stand-in for the VB runtime's library is registered in the test prefix.
+// The reference path resolves imported types through the registry: the VB runtime's stand-in is registered.
 class registered_standin : public ::testing::Environment {
     void SetUp() override { ASSERT_EQ(S_OK, LoadTypeLibEx(VX_STANDIN_TYPELIB, REGKIND_REGISTER, com_ptr<ITypeLib>().put())); }
 };
 const auto* const standin = ::testing::AddGlobalTestEnvironment(new registered_standin);
-
 // An argument as a test describes it; made afresh for each path so that the two calls never share storage
 // (ByRef variables go to the storage).
 using storage = std::vector<std::shared_ptr<VARIANT>>;
 struct argument { std::string label; std::function<void(VARIANT&, storage&)> make; };
-
 struct call_outcome {
     HRESULT hr = S_OK, exception_code = S_OK;
     std::wstring result, written_back, source, description;
@@ -36,24 +33,20 @@ struct call_outcome {
                std::tie(o.hr, o.result, o.written_back, o.argument_error, o.exception_code, o.source, o.description);
     }
 };
-
 std::ostream& operator<<(std::ostream& out, const call_outcome& o) {
     return out << hex(o.hr) << " [" << narrow(o.result) << "] [" << narrow(o.written_back) << "] " << o.argument_error
                << " " << hex(o.exception_code) << " [" << narrow(o.source + L"] [" + o.description) << "]";
 }
-
 std::wstring describe(const VARIANT& value) {
     unique_variant plain, as_text;
     VariantCopyInd(plain.get(), const_cast<VARIANT*>(&value));
     const VARTYPE type = V_VT(plain.get());
     const std::wstring text = L"vt=" + std::to_wstring(V_VT(&value));
     if (type == VT_DISPATCH || type == VT_UNKNOWN) return text + (V_UNKNOWN(plain.get()) ? L" object" : L" nothing");
-    if (type == VT_EMPTY || type == VT_NULL || (type & VT_ARRAY) ||
-        FAILED(VariantChangeType(as_text.get(), plain.get(), 0, VT_BSTR)))
-        return text;
-    return text + L" " + text_of(V_BSTR(as_text.get()));
+    const bool plain_text = type != VT_EMPTY && type != VT_NULL && !(type & VT_ARRAY) &&
+                            SUCCEEDED(VariantChangeType(as_text.get(), plain.get(), 0, VT_BSTR));
+    return plain_text ? text + L" " + text_of(V_BSTR(as_text.get())) : text;
 }
-
 // Where Wine's ITypeInfo::Invoke departs from what Windows documents, the expectation follows Windows:
 // - setting a property that has no put form (or a method) answers DISP_E_MEMBERNOTFOUND, not E_INVALIDARG;
 // - more arguments than a method takes answer DISP_E_BADPARAMCOUNT; Wine ignores the surplus and calls the
@@ -63,8 +56,7 @@ std::wstring describe(const VARIANT& value) {
 call_outcome as_windows_answers(call_outcome wine, const call_outcome& ours, const member_entry& member,
                                 WORD flags, const std::string& shape_label, bool more_than_it_takes) {
     if (wine.hr == E_INVALIDARG && (flags & (DISPATCH_PROPERTYPUT | DISPATCH_PROPERTYPUTREF)) &&
-        member.invoke_kind != INVOKE_PROPERTYPUT && member.invoke_kind != INVOKE_PROPERTYPUTREF)
-        wine.hr = DISP_E_MEMBERNOTFOUND;
+        member.invoke_kind != INVOKE_PROPERTYPUT && member.invoke_kind != INVOKE_PROPERTYPUTREF) wine.hr = DISP_E_MEMBERNOTFOUND;
     if (shape_label == "one argument too many" && more_than_it_takes &&
         (SUCCEEDED(wine.hr) || (sizeof(void*) == 8 && wine.hr == DISP_E_BADVARTYPE))) {
         wine = {DISP_E_BADPARAMCOUNT, S_OK, L"vt=0", ours.written_back, L"", L"", 0xFFFF};  // the member is not called
@@ -73,7 +65,6 @@ call_outcome as_windows_answers(call_outcome wine, const call_outcome& ours, con
     if (wine.argument_error == 0xFFFF) wine.argument_error = ours.argument_error;
     return wine;
 }
-
 using invoker = std::function<HRESULT(DISPID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*, UINT*)>;
 using written_back_hook = std::function<void(VARIANT&)>;  // makes a ByRef variable comparable
 
@@ -106,7 +97,6 @@ call_outcome call(const invoker& invoke, DISPID id, WORD flags, const std::vecto
     for (VARIANT& v : reversed) VariantClear(&v);
     return outcome;
 }
-
 // The natural value of a parameter type (which 0), and others a client may send: a string holding a number,
 // a number of another type, text that is no number, one too big for the smaller types, and Null.
 VARIANT sample(VARTYPE type, int which, IDispatch* object) {
@@ -128,17 +118,14 @@ VARIANT sample(VARTYPE type, int which, IDispatch* object) {
     }
     return v;
 }
-
 argument by_value(VARTYPE type, int which, IDispatch* object, const char* label) {
     return {label, [=](VARIANT& slot, storage&) { slot = sample(type, which, object); }};
 }
-
 // A variable owned by the storage, cleared when the call is over.
 VARIANT* variable(storage& variables, VARIANT value) {
     variables.emplace_back(new VARIANT(value), [](VARIANT* v) { VariantClear(v), delete v; });
     return variables.back().get();
 }
-
 // A variable passed by reference: of its own type, or a Variant variable as script clients pass them.
 argument by_reference(VARTYPE type, int which, IDispatch* object, bool as_variant, const char* label) {
     return {label, [=](VARIANT& slot, storage& variables) {
@@ -148,7 +135,6 @@ argument by_reference(VARTYPE type, int which, IDispatch* object, bool as_varian
                 if (as_variant || type == VT_VARIANT) V_VT(&slot) = VT_BYREF | VT_VARIANT, V_VARIANTREF(&slot) = held;
             }};
 }
-
 // A record of the library, of numbers only: no member takes one.
 argument record(IRecordInfo* info, bool in_variable) {
     return {in_variable ? "record in a variant variable" : "record", [=](VARIANT& slot, storage& variables) {
@@ -157,11 +143,9 @@ argument record(IRecordInfo* info, bool in_variable) {
                 if (in_variable) V_VARIANTREF(&slot) = variable(variables, slot), V_VT(&slot) = VT_BYREF | VT_VARIANT;
             }};
 }
-
 argument missing() {
     return {"missing", [](VARIANT& slot, storage&) { V_VT(&slot) = VT_ERROR, V_ERROR(&slot) = DISP_E_PARAMNOTFOUND; }};
 }
-
 // Shapes where Wine's ITypeInfo::Invoke does not do what Windows documents, so ours is checked against that.
 enum class departure {
     none,
@@ -170,25 +154,21 @@ enum class departure {
     value_for_variant_reference,  // ours: goes to a ByRef Variant in a temporary; Wine refuses it
     record_for_another_type,      // Windows refuses it with DISP_E_TYPEMISMATCH; 64-bit Wine crashes
 };
-
 // A departure concerns one parameter.
 struct shape { std::string label; std::vector<argument> arguments; departure from_wine = departure::none; unsigned parameter = 0; };
-
 // The battery for one member: every parameter given each way in turn while the others get their natural
 // values, plus counts that are wrong.
 std::vector<shape> battery(const member_entry& member, REFIID own_interface, IDispatch* same_class,
                            IDispatch* other_class, IRecordInfo* a_record) {
-    std::vector<argument> natural;
+    std::vector<shape> shapes = {{"natural", {}}};
     for (unsigned k = 0; k < member.param_count; ++k) {
         const member_param& p = member.params[k];
-        natural.push_back(p.by_reference ? by_reference(p.type, 0, same_class, false, "variable")
-                                         : by_value(p.type, 0, same_class, "natural"));
+        shapes[0].arguments.push_back(p.by_reference ? by_reference(p.type, 0, same_class, false, "variable")
+                                                     : by_value(p.type, 0, same_class, "natural"));
+        if (p.interface_id && !IsEqualIID(*p.interface_id, own_interface))
+            shapes[0].from_wine = departure::not_the_declared_interface, shapes[0].parameter = k;
     }
-    shape natural_shape{"natural", natural};
-    for (unsigned k = 0; k < member.param_count; ++k)
-        if (member.params[k].interface_id && !IsEqualIID(*member.params[k].interface_id, own_interface))
-            natural_shape.from_wine = departure::not_the_declared_interface, natural_shape.parameter = k;
-    std::vector<shape> shapes = {natural_shape};
+    const std::vector<argument> natural = shapes[0].arguments;
     for (unsigned k = 0; k < member.param_count; ++k) {
         const member_param& p = member.params[k];
         std::vector<argument> variants = {
@@ -199,10 +179,8 @@ std::vector<shape> battery(const member_entry& member, REFIID own_interface, IDi
             by_reference(p.type, 1, same_class, true, "variant variable of another type"), missing(),
             record(a_record, false), record(a_record, true),
         };
-        if (p.type == VT_DISPATCH) {
-            variants.push_back(by_value(VT_DISPATCH, 0, other_class, "object of another class"));
-            variants.push_back(by_value(VT_DISPATCH, 0, nullptr, "nothing"));
-        }
+        if (p.type == VT_DISPATCH)
+            variants.insert(variants.end(), {by_value(VT_DISPATCH, 0, other_class, "object of another class"), by_value(VT_DISPATCH, 0, nullptr, "nothing")});
         for (const argument& a : variants) {
             shape made{"parameter " + std::to_string(k) + " " + a.label, natural, departure::none, k};
             made.arguments[k] = a;
@@ -229,17 +207,12 @@ std::vector<shape> battery(const member_entry& member, REFIID own_interface, IDi
     if (member.param_count > 0) shapes.push_back({"one argument too few", {natural.begin(), natural.end() - 1}});
     return shapes;
 }
-
 std::vector<WORD> flag_sets(INVOKEKIND kind) {
-    switch (kind) {
-    case INVOKE_FUNC: return {DISPATCH_METHOD, DISPATCH_METHOD | DISPATCH_PROPERTYGET, DISPATCH_PROPERTYPUT};
-    case INVOKE_PROPERTYGET: return {DISPATCH_PROPERTYGET, DISPATCH_METHOD | DISPATCH_PROPERTYGET, DISPATCH_PROPERTYPUT};
-    default: return {DISPATCH_PROPERTYPUT, DISPATCH_PROPERTYPUTREF, DISPATCH_METHOD};
-    }
+    if (kind == INVOKE_FUNC) return {DISPATCH_METHOD, DISPATCH_METHOD | DISPATCH_PROPERTYGET, DISPATCH_PROPERTYPUT};
+    if (kind == INVOKE_PROPERTYGET) return {DISPATCH_PROPERTYGET, DISPATCH_METHOD | DISPATCH_PROPERTYGET, DISPATCH_PROPERTYPUT};
+    return {DISPATCH_PROPERTYPUT, DISPATCH_PROPERTYPUTREF, DISPATCH_METHOD};
 }
-
 com_ptr<IDispatch> make(const class_entry& entry) { return create<IDispatch>(*entry.clsid, IID_IDispatch); }
-
 // cDIBSection.CreateDIB hands a new section to its caller through hDib: the two paths get different handles,
 // so the comparison sees only whether one came, and the test deletes it as its caller must.
 written_back_hook settle_for(const class_entry& entry, const member_entry& member) {
@@ -250,14 +223,11 @@ written_back_hook settle_for(const class_entry& entry, const member_entry& membe
         V_I4(&variable) = -1;
     };
 }
-
 bool reaches(WORD flags, const member_entry& e) {
-    return (e.invoke_kind == INVOKE_FUNC && (flags & DISPATCH_METHOD)) ||
-           (e.invoke_kind == INVOKE_PROPERTYGET && (flags & DISPATCH_PROPERTYGET)) ||
+    return (e.invoke_kind == INVOKE_FUNC && (flags & DISPATCH_METHOD)) || (e.invoke_kind == INVOKE_PROPERTYGET && (flags & DISPATCH_PROPERTYGET)) ||
            (e.invoke_kind == INVOKE_PROPERTYPUT && (flags & DISPATCH_PROPERTYPUT)) ||
            (e.invoke_kind == INVOKE_PROPERTYPUTREF && (flags & DISPATCH_PROPERTYPUTREF));
 }
-
 // Whether no member that a call with these flags reaches takes this many arguments (a property's get and put
 // share a DISPID).
 bool more_than_any_takes(const interface_members& members, DISPID id, WORD flags, size_t count) {
@@ -313,10 +283,9 @@ TEST(DispatchDifferential, EveryMemberAgreesWithTheTypeLibraryPath) {
                                     actual.written_back.find(L"vt=8 12") == std::wstring::npos)
                             << label << ": the variable holds a value of the parameter's type afterwards";
                     } else {
-                        EXPECT_EQ(as_windows_answers(call(reference, member.dispid, flags, s.arguments, named_put, settle), actual,
-                                                     member, flags, s.label,
-                                                     more_than_any_takes(members, member.dispid, flags, s.arguments.size())),
-                                  actual) << label;
+                        const bool too_many = more_than_any_takes(members, member.dispid, flags, s.arguments.size());
+                        const call_outcome wine = call(reference, member.dispid, flags, s.arguments, named_put, settle);
+                        EXPECT_EQ(as_windows_answers(wine, actual, member, flags, s.label, too_many), actual) << label;
                     }
                     ++compared;
                 }
@@ -330,9 +299,8 @@ TEST(DispatchDifferential, NamesResolveLikeTheTypeLibraryAndInvokeTakesIidNullOn
     for (const class_entry& entry : class_table()) {
         com_ptr<IDispatch> object = make(entry);
         DISPPARAMS none = {};
-        EXPECT_EQ(hex(DISP_E_UNKNOWNINTERFACE),
-                  hex(object->Invoke(DISPID_VALUE, IID_IDispatch, 0, DISPATCH_PROPERTYGET, &none, nullptr, nullptr, nullptr)))
-            << narrow(entry.name) << ": Invoke takes only IID_NULL";
+        EXPECT_EQ(hex(DISP_E_UNKNOWNINTERFACE), hex(object->Invoke(DISPID_VALUE, IID_IDispatch, 0, DISPATCH_PROPERTYGET, &none,
+                                                                   nullptr, nullptr, nullptr))) << narrow(entry.name) << ": IID_NULL only";
         com_ptr<ITypeInfo> info;
         ASSERT_EQ(S_OK, object->GetTypeInfo(0, 0, info.put()));
         std::vector<std::vector<std::wstring>> requests = {{L"NoSuchMember"}, {L""}};

@@ -1,5 +1,5 @@
 // Registration, machine-wide and per user, in both registry views and beside the other platform's
-// build; refusals; the manifests. Ends registered, as the script clients expect.
+// build; refusals. Ends registered, as the script clients expect.
 #include "frame/class_table.h"
 #include "frame/registration.h"
 #include "library_identity.h"
@@ -31,11 +31,8 @@ REGSAM view_of(bool platform_win64) { return platform_win64 ? KEY_WOW64_64KEY : 
 struct scope { HKEY base; registration_scope which; const char* name; HRESULT (*install)(BOOL on); };
 const scope machine = {HKEY_LOCAL_MACHINE, registration_scope::machine, "machine-wide",
                        [](BOOL on) { return on ? dll().register_server() : dll().unregister_server(); }};
-const scope user = {HKEY_CURRENT_USER, registration_scope::user, "per user",
-                    [](BOOL on) { return dll().install(on, L"user"); }};
-
+const scope user = {HKEY_CURRENT_USER, registration_scope::user, "per user", [](BOOL on) { return dll().install(on, L"user"); }};
 std::wstring classes(const std::wstring& key) { return L"Software\\Classes\\" + key; }
-
 // Every marshalled interface of a class: the dual ones by the automation marshaller, the events as a dispinterface.
 struct marshalled { const IID* iid; std::wstring name; const wchar_t* marshaller; };
 std::vector<marshalled> interfaces_of(const class_entry& c) {
@@ -44,9 +41,7 @@ std::vector<marshalled> interfaces_of(const class_entry& c) {
     if (c.source_interface) found.push_back({c.source_interface, std::wstring(L"__") + c.name, dispatch_marshaller});
     return found;
 }
-
 struct registry_value { REGSAM view; std::wstring key, name, value; };
-
 // What registering one build leaves: library and interfaces in both views, classes in its own.
 std::vector<registry_value> registration_of(const std::wstring& path, bool platform_win64) {
     std::vector<registry_value> values;
@@ -72,7 +67,6 @@ std::vector<registry_value> registration_of(const std::wstring& path, bool platf
     }
     return values;
 }
-
 void write(const scope& s, const std::vector<registry_value>& values) {
     for (const registry_value& v : values) {
         unique_hkey key;
@@ -81,10 +75,8 @@ void write(const scope& s, const std::vector<registry_value>& values) {
                        static_cast<DWORD>((v.value.size() + 1) * sizeof(wchar_t)));
     }
 }
-
 // The keys registration may touch, in both views.
-template <class Function>
-void for_each_touched_key(Function visit) {
+template <class Function> void for_each_touched_key(Function visit) {
     for (REGSAM view : both_views) {
         visit(view, L"TypeLib\\" + libid);
         for (const class_entry& c : class_table()) {
@@ -93,7 +85,6 @@ void for_each_touched_key(Function visit) {
         }
     }
 }
-
 // A line for the key, every key under it and every value in them.
 void dump(HKEY base, REGSAM view, const std::wstring& key, std::vector<std::wstring>& lines) {
     unique_hkey opened;
@@ -107,7 +98,6 @@ void dump(HKEY base, REGSAM view, const std::wstring& key, std::vector<std::wstr
     for (DWORD i = 0, length = 256; !RegEnumKeyExW(opened.get(), i, name, &length, nullptr, nullptr, nullptr, nullptr); ++i, length = 256)
         dump(base, view, key + L"\\" + name, lines);
 }
-
 std::string snapshot(const scope& s) {
     std::vector<std::wstring> lines;
     for_each_touched_key([&](REGSAM view, const std::wstring& key) { dump(s.base, view, key, lines); });
@@ -116,7 +106,6 @@ std::string snapshot(const scope& s) {
     for (const std::wstring& line : lines) text += narrow(line) + "\n";
     return text;
 }
-
 void clear(const scope& s) {
     for_each_touched_key([&](REGSAM view, const std::wstring& key) {
         unique_hkey opened;
@@ -124,7 +113,6 @@ void clear(const scope& s) {
             RegDeleteTreeW(opened.get(), nullptr), RegDeleteKeyExW(s.base, classes(key).c_str(), view, 0);
     });
 }
-
 // Each test starts with nothing registered and ends registered machine-wide.
 class Registration : public ::testing::Test {
 protected:
@@ -134,7 +122,6 @@ protected:
         ASSERT_EQ(S_OK, dll().register_server());
     }
 };
-
 // Alone, this build writes what registration_of says, in its scope only. Beside the other platform's build,
 // arranged as its registration leaves it, unregistering either leaves the other as if registered alone, and a
 // third party's addition to the shared library key stays.
@@ -166,7 +153,6 @@ TEST_F(Registration, EachBuildRoundTripsAloneAndBesideTheOther) {
         clear(*s);
     }
 }
-
 // A step refused half-way (no lasting key under a volatile one) undoes what the call wrote or changed; an
 // unknown install command line does nothing.
 TEST_F(Registration, RefusalsLeaveTheRegistryAsTheyFoundIt) {
@@ -192,28 +178,6 @@ TEST_F(Registration, RefusalsLeaveTheRegistryAsTheyFoundIt) {
         EXPECT_EQ(hex(E_INVALIDARG), hex(dll().install(install, nullptr))) << what << " without a command line";
         EXPECT_EQ(before, snapshot(machine) + snapshot(user)) << what;
     }
-}
-
-TEST_F(Registration, EveryClassActivatesFromTheManifestsAlone) {
-    const std::wstring folder = dll_path().substr(0, dll_path().find_last_of(L'\\') + 1),
-                       manifest = folder + L"vxTypes32.client.manifest";
-    ACTCTXW description = {sizeof description, ACTCTX_FLAG_ASSEMBLY_DIRECTORY_VALID, manifest.c_str(), 0, 0, folder.c_str(),
-                           nullptr, nullptr, nullptr};
-    const HANDLE context = CreateActCtxW(&description);
-    ULONG_PTR cookie = 0;
-    ASSERT_TRUE(context != INVALID_HANDLE_VALUE && ActivateActCtx(context, &cookie)) << "the manifests load";
-    for (const class_entry& c : class_table()) {
-        // Within an activation context a ProgID may map to an alias of the CLSID, which activates the same class.
-        CLSID by_name{};
-        com_ptr<IDispatch> object, named;
-        EXPECT_EQ(S_OK, CoCreateInstance(*c.clsid, nullptr, CLSCTX_INPROC_SERVER, *c.interface_id, object.put_void()))
-            << narrow(c.name) << " by CLSID";
-        EXPECT_TRUE(CLSIDFromProgID(prog_id(c).c_str(), &by_name) == S_OK &&
-                    CoCreateInstance(by_name, nullptr, CLSCTX_INPROC_SERVER, *c.interface_id, named.put_void()) == S_OK)
-            << narrow(c.name) << " by ProgID";
-    }
-    DeactivateActCtx(0, cookie);
-    ReleaseActCtx(context);
 }
 
 }  // namespace

@@ -60,8 +60,7 @@ void expect_clean(HRESULT hr, const std::string& call) {
 using R = _clsEasyRegistry;
 class registry {
 public:
-    template <class Argument>
-    long operator()(HRESULT (STDMETHODCALLTYPE R::*member)(Argument, LONG*), Argument argument) {
+    template <class Argument> long operator()(HRESULT (STDMETHODCALLTYPE R::*member)(Argument, LONG*), Argument argument) {
         LONG status = 12345;
         return expect_clean((object_.get()->*member)(argument, &status), "a member"), status;
     }
