@@ -1,32 +1,30 @@
 // What the DLL publishes and activates through its own exports: class objects, instances, identity, unload
-// counting and failures; the embedded type library, loaded by the platform: every reference to another library
-// resolves, and the binary contract compiled clients depend on (names, DISPIDs, vtable slots, flags, parameter
-// flags and defaults, enumeration values, record fields) hashes to the value recorded here: the writer proves
-// the library matches the .types descriptions, this catches a change to them that nobody meant. Both DLLs give
-// the same listing; VX_TYPELIB_LISTING=<file> writes it out. Then the DLL's other resources.
+// counting and failures; its type library as the platform loads it, and its other resources; the runtime
+// services the classes share.
+#include "frame/automation_error.h"
 #include "frame/class_table.h"
 #include "frame/registration.h"
+#include "frame/runtime.h"
 #include "support/component.h"
 #include "vxTypes32_types.h"
 
 #include <ocidl.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
+#include <limits>
 #include <string>
 #include <vector>
 
 namespace vx::test {
 namespace {
 
-// What the type library publishes of a class: the interfaces it answers
-// for (its default one and that one's aliases, earlier IIDs still in
-// force) and its default source, if any.
-struct published_class {
-    std::vector<GUID> interfaces;
-    GUID events = GUID_NULL;
-};
+// What the type library publishes of a class: the interfaces it answers for (its default one and that one's
+// aliases, earlier IIDs still in force) and its default source, if any.
+struct published_class { std::vector<GUID> interfaces; GUID events = GUID_NULL; };
 // A type's GUID, or where asked for, the GUID of the named type it is an alias of.
 GUID guid_of(ITypeInfo* info, bool aliased = false) {
     TYPEATTR* a = nullptr;
@@ -65,14 +63,13 @@ TEST(ClassObjects, OnlyTheClassesHaveOneAndTheyRefuseAggregation) {
     }
     com_ptr<IClassFactory> factory;
     ASSERT_EQ(S_OK, dll().get_class_object(CLSID_UserInfo, IID_IClassFactory, factory.put_void()));
-    com_ptr<IUnknown> not_a_factory;
-    EXPECT_EQ(E_NOINTERFACE, dll().get_class_object(CLSID_UserInfo, IID_IDispatch, not_a_factory.put_void()));
+    EXPECT_EQ(E_NOINTERFACE, dll().get_class_object(CLSID_UserInfo, IID_IDispatch, com_ptr<IUnknown>().put_void()));
     com_ptr<IUnknown> outer = create<IUnknown>(CLSID_Class_vxTypes32, IID_IUnknown);
     void* object = reinterpret_cast<void*>(0x1234);
     EXPECT_TRUE(factory->CreateInstance(outer.get(), IID_IUnknown, &object) == CLASS_E_NOAGGREGATION && !object);
 }
-// An enumerator the sorter handed out is an object of the DLL too; a lock
-// released once too often counts nothing.
+
+// An enumerator the sorter handed out is an object of the DLL too; a lock released once too often counts nothing.
 TEST(Unloading, WaitsForEveryInstanceEnumeratorAndLock) {
     ASSERT_EQ(S_OK, dll().can_unload_now()) << "nothing of ours should be alive between tests";
     auto first = create<IConnectionPointContainer>(CLSID_clsQuickSort, IID_IConnectionPointContainer);
@@ -83,11 +80,9 @@ TEST(Unloading, WaitsForEveryInstanceEnumeratorAndLock) {
     EXPECT_EQ(S_FALSE, dll().can_unload_now()) << "an enumerator";
     points.reset();
     EXPECT_EQ(S_OK, dll().can_unload_now()) << "both released";
-
     com_ptr<IClassFactory> factory;
     ASSERT_EQ(S_OK, dll().get_class_object(CLSID_UserInfo, IID_IClassFactory, factory.put_void()));
-    EXPECT_EQ(S_OK, factory->LockServer(FALSE));
-    EXPECT_EQ(S_OK, factory->LockServer(TRUE));
+    EXPECT_TRUE(factory->LockServer(FALSE) == S_OK && factory->LockServer(TRUE) == S_OK);
     EXPECT_EQ(S_FALSE, dll().can_unload_now()) << "a lock after an unmatched unlock";
     EXPECT_EQ(S_OK, factory->LockServer(FALSE));
     EXPECT_EQ(S_OK, dll().can_unload_now()) << "the lock released";
@@ -108,24 +103,23 @@ TEST(Identity, EachClassAnswersForWhatTheTypeLibraryPublishesOfIt) {
         ASSERT_TRUE(object && !own.interfaces.empty()) << narrow(c.name);
         com_ptr<ISupportErrorInfo> errors = object.query<ISupportErrorInfo>(IID_ISupportErrorInfo);
         for (const GUID& iid : every_interface) {
-            com_ptr<IUnknown> answer;
             const bool own_interface = std::count(own.interfaces.begin(), own.interfaces.end(), iid) > 0;
-            EXPECT_EQ(own_interface ? S_OK : E_NOINTERFACE, object->QueryInterface(iid, answer.put_void()))
-                << narrow(c.name) << " asked for " << narrow(guid_text(iid));
-            EXPECT_EQ(own_interface ? S_OK : S_FALSE, errors->InterfaceSupportsErrorInfo(iid))
-                << narrow(c.name) << " error info for " << narrow(guid_text(iid));
+            EXPECT_EQ(std::make_pair(hex(own_interface ? S_OK : E_NOINTERFACE), hex(own_interface ? S_OK : S_FALSE)),
+                      std::make_pair(hex(object->QueryInterface(iid, com_ptr<IUnknown>().put_void())), hex(errors->InterfaceSupportsErrorInfo(iid))))
+                << narrow(c.name) << " asked for " << narrow(guid_text(iid)) << " and its error info";
         }
-        // Only a class with events has a default source to report.
-        const bool has_events = !IsEqualGUID(own.events, GUID_NULL);
         com_ptr<IProvideClassInfo2> second = object.query<IProvideClassInfo2>(IID_IProvideClassInfo2);
-        ASSERT_EQ(has_events, static_cast<bool>(second)) << narrow(c.name);
+        ASSERT_EQ(!IsEqualGUID(own.events, GUID_NULL), static_cast<bool>(second)) << narrow(c.name) << ": a default source only with events";
         GUID source{};
         EXPECT_TRUE(!second || (second->GetGUID(GUIDKIND_DEFAULT_SOURCE_DISP_IID, &source) == S_OK && source == own.events))
             << narrow(c.name);
     }
 }
-// The type library's binary contract, one line per fact; the stand-in for the VB runtime's library that it
-// imports is registered by the dispatch battery's environment.
+
+// The binary contract compiled clients depend on (names, DISPIDs, vtable slots, flags, parameter flags and
+// defaults, enumeration values, record fields), one line per fact. The writer proves the library matches the
+// .types descriptions; the hash catches a change to them that nobody meant. Both DLLs give the same listing;
+// VX_TYPELIB_LISTING=<file> writes it out. The dispatch battery registers the VB runtime's stand-in it imports.
 std::wstring name_of(ITypeInfo* info, MEMBERID member = MEMBERID_NIL) {
     unique_bstr name;
     info->GetDocumentation(member, name.put(), nullptr, nullptr, nullptr);
@@ -248,6 +242,67 @@ TEST(Resources, SelfRegistrationIsDeclaredAndIidItemsCountTheirBytes) {
             EXPECT_EQ(expected, std::vector<unsigned char>(data, data + SizeofResource(dll().module, found))) << narrow(type);
         }
     }
+}
+
+constexpr LCID english = 0x0409, german = 0x0407;
+const double nan = std::numeric_limits<double>::quiet_NaN(), infinity = std::numeric_limits<double>::infinity();
+vx::automation_error raised_by(const std::function<void()>& body) {  // number 0 for none
+    try { body(); } catch (const vx::automation_error& error) { return error; }
+    return {};
+}
+
+TEST(RuntimeNumbers, WholeNumberConversionsRoundHalvesToEvenAndRefuseOverflow) {
+    const wchar_t caller[] = L"clsQuickSort.Sort";
+    const std::function<long(double)> to[] = {[&](double v) { return vx::to_long(v, caller); },
+                                              [&](double v) { return long{vx::to_integer(v, caller)}; },
+                                              [&](double v) { return long{vx::to_byte(v, caller)}; }};
+    enum { to_long, to_integer, to_byte };
+    struct row { int to; double value; long expected; bool overflows = false; };
+    const row rows[] = {
+        {to_long, 0.5, 0}, {to_long, 1.5, 2}, {to_long, 2.5, 2}, {to_long, -1.5, -2},
+        {to_long, -2147483648.5, -2147483647L - 1}, {to_long, 2147483647.5, 0, true}, {to_long, -infinity, 0, true},
+        {to_long, nan, 0, true}, {to_integer, 32767.5, 0, true}, {to_byte, 254.5, 254}, {to_byte, -0.6, 0, true},
+    };
+    for (const row& r : rows) {
+        SCOPED_TRACE(testing::Message() << "conversion " << r.to << " of " << r.value);
+        const vx::automation_error error = raised_by([&] { EXPECT_EQ(to[r.to](r.value), r.expected); });
+        EXPECT_EQ(r.overflows, error.number == 6 && error.source == caller && error.description == L"Overflow");
+    }
+}
+// Trim takes spaces only; a start below 1 or a negative length is refused.
+TEST(RuntimeText, NumbersAsTextTrimAndTheRefusalsOfTheStringOperations) {
+    struct row { LCID locale; double value; const wchar_t* expected; };
+    const row rows[] = {
+        {english, 0.1 + 0.2, L"0.3"}, {english, 2.0 / 3, L"0.666666666666667"}, {english, 123456789012345678.0, L"1.23456789012346E+17"},
+        {english, 1e-5, L"1E-05"}, {english, -0.0, L"0"}, {german, -0.125, L"-0,125"}, {german, -infinity, L"-1.#INF"},
+        {english, nan, L"1.#QNAN"}, {english, -nan, L"-1.#IND"},
+    };
+    for (const row& r : rows)
+        EXPECT_EQ(vx::double_to_text(r.value, r.locale), r.expected) << "locale " << r.locale << ", " << r.value;
+    for (const auto& r : {std::pair{0u, L"0"}, {0xABCDEFu, L"ABCDEF"}, {0xFFFFFFFFu, L"FFFFFFFF"}}) EXPECT_EQ(vx::hex(r.first), r.second);
+    EXPECT_EQ(vx::format_number(305419896, L"0,000,000,000", german), L"0.305.419.896");
+    EXPECT_EQ(vx::trim(L" \ta\t  "), L"\ta\t");
+    const std::function<void()> refused[] = {[] { vx::instr(L"abc", L"a", 0, L"S"); }, [] { vx::mid(L"abc", 0, L"S"); },
+                                             [] { vx::left(L"abc", -1, L"S"); }};
+    for (const auto& r : refused) EXPECT_TRUE(raised_by(r).number == 5 && raised_by(r).source == L"S") << raised_by(r).number;
+}
+
+TEST(RuntimeServices, RandomNumbersCoverTheUnitIntervalAndRepeatAfterReseed) {
+    auto draws = [](int count) {
+        std::vector<float> values(count);
+        return std::generate(values.begin(), values.end(), vx::random_number), values;
+    };
+    vx::reseed_random(12345.5);
+    std::vector<int> byte_counts(256);
+    for (float r : draws(100000)) {
+        ASSERT_TRUE(r >= 0.0f && r < 1.0f && std::ldexp(r, 24) == std::floor(std::ldexp(r, 24))) << r;
+        byte_counts[static_cast<int>(r * 256)]++;
+    }
+    for (int v = 0; v < 256; ++v) EXPECT_GT(byte_counts[v], 0) << "byte " << v << " never drawn";
+    vx::reseed_random(100.25);
+    const std::vector<float> first = draws(8);
+    vx::reseed_random(100.25f);
+    EXPECT_EQ(draws(8), first) << "the same seed as a Single";
 }
 
 }  // namespace

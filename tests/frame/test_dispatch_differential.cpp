@@ -20,18 +20,15 @@ class registered_standin : public ::testing::Environment {
     void SetUp() override { ASSERT_EQ(S_OK, LoadTypeLibEx(VX_STANDIN_TYPELIB, REGKIND_REGISTER, com_ptr<ITypeLib>().put())); }
 };
 const auto* const standin = ::testing::AddGlobalTestEnvironment(new registered_standin);
-// An argument as a test describes it; made afresh for each path so that the two calls never share storage
-// (ByRef variables go to the storage).
+// An argument as a test describes it, made afresh for each path: the two calls never share storage.
 using storage = std::vector<std::shared_ptr<VARIANT>>;
 struct argument { std::string label; std::function<void(VARIANT&, storage&)> make; };
 struct call_outcome {
     HRESULT hr = S_OK, exception_code = S_OK;
     std::wstring result, written_back, source, description;
     UINT argument_error = 0xFFFF;
-    bool operator==(const call_outcome& o) const {
-        return std::tie(hr, result, written_back, argument_error, exception_code, source, description) ==
-               std::tie(o.hr, o.result, o.written_back, o.argument_error, o.exception_code, o.source, o.description);
-    }
+    auto tied() const { return std::tie(hr, result, written_back, argument_error, exception_code, source, description); }
+    bool operator==(const call_outcome& o) const { return tied() == o.tied(); }
 };
 std::ostream& operator<<(std::ostream& out, const call_outcome& o) {
     return out << hex(o.hr) << " [" << narrow(o.result) << "] [" << narrow(o.written_back) << "] " << o.argument_error
@@ -71,12 +68,8 @@ using written_back_hook = std::function<void(VARIANT&)>;  // makes a ByRef varia
 call_outcome call(const invoker& invoke, DISPID id, WORD flags, const std::vector<argument>& arguments,
                   bool named_put, const written_back_hook& settle = {}) {
     storage variables;
-    std::vector<VARIANT> reversed(arguments.size());
-    for (size_t i = 0; i < arguments.size(); ++i) {
-        VARIANT& slot = reversed[arguments.size() - 1 - i];
-        VariantInit(&slot);
-        arguments[i].make(slot, variables);
-    }
+    std::vector<VARIANT> reversed(arguments.size(), VARIANT{});  // Empty
+    for (size_t i = 0; i < arguments.size(); ++i) arguments[i].make(reversed[arguments.size() - 1 - i], variables);
     named_put = named_put && !reversed.empty();  // a named put argument needs an argument to name
     DISPID put_id = DISPID_PROPERTYPUT;
     DISPPARAMS params = {reversed.data(), named_put ? &put_id : nullptr, static_cast<UINT>(reversed.size()), named_put};
@@ -97,8 +90,7 @@ call_outcome call(const invoker& invoke, DISPID id, WORD flags, const std::vecto
     for (VARIANT& v : reversed) VariantClear(&v);
     return outcome;
 }
-// The natural value of a parameter type (which 0), and others a client may send: a string holding a number,
-// a number of another type, text that is no number, one too big for the smaller types, and Null.
+// A type's natural value (which 0), then numeric text, another number type, text, a large number and Null.
 VARIANT sample(VARTYPE type, int which, IDispatch* object) {
     VARIANT v;
     V_VT(&v) = which == 0 ? type : VARTYPE(which == 5 ? VT_NULL : which % 2 ? VT_BSTR : VT_R8);
@@ -138,14 +130,11 @@ argument by_reference(VARTYPE type, int which, IDispatch* object, bool as_varian
 // A record of the library, of numbers only: no member takes one.
 argument record(IRecordInfo* info, bool in_variable) {
     return {in_variable ? "record in a variant variable" : "record", [=](VARIANT& slot, storage& variables) {
-                V_VT(&slot) = VT_RECORD, V_RECORDINFO(&slot) = info, V_RECORD(&slot) = info->RecordCreate();
-                info->AddRef();
+                V_VT(&slot) = VT_RECORD, V_RECORDINFO(&slot) = info, V_RECORD(&slot) = info->RecordCreate(), info->AddRef();
                 if (in_variable) V_VARIANTREF(&slot) = variable(variables, slot), V_VT(&slot) = VT_BYREF | VT_VARIANT;
             }};
 }
-argument missing() {
-    return {"missing", [](VARIANT& slot, storage&) { V_VT(&slot) = VT_ERROR, V_ERROR(&slot) = DISP_E_PARAMNOTFOUND; }};
-}
+argument missing() { return {"missing", [](VARIANT& slot, storage&) { V_VT(&slot) = VT_ERROR, V_ERROR(&slot) = DISP_E_PARAMNOTFOUND; }}; }
 // Shapes where Wine's ITypeInfo::Invoke does not do what Windows documents, so ours is checked against that.
 enum class departure {
     none,
@@ -156,8 +145,7 @@ enum class departure {
 };
 // A departure concerns one parameter.
 struct shape { std::string label; std::vector<argument> arguments; departure from_wine = departure::none; unsigned parameter = 0; };
-// The battery for one member: every parameter given each way in turn while the others get their natural
-// values, plus counts that are wrong.
+// Every parameter given each way in turn while the others get their natural values, and wrong counts.
 std::vector<shape> battery(const member_entry& member, REFIID own_interface, IDispatch* same_class,
                            IDispatch* other_class, IRecordInfo* a_record) {
     std::vector<shape> shapes = {{"natural", {}}};
@@ -213,8 +201,8 @@ std::vector<WORD> flag_sets(INVOKEKIND kind) {
     return {DISPATCH_PROPERTYPUT, DISPATCH_PROPERTYPUTREF, DISPATCH_METHOD};
 }
 com_ptr<IDispatch> make(const class_entry& entry) { return create<IDispatch>(*entry.clsid, IID_IDispatch); }
-// cDIBSection.CreateDIB hands a new section to its caller through hDib: the two paths get different handles,
-// so the comparison sees only whether one came, and the test deletes it as its caller must.
+// cDIBSection.CreateDIB hands its caller a new section through hDib: the paths get different handles, so
+// the comparison sees only whether one came, and the test deletes it as its caller must.
 written_back_hook settle_for(const class_entry& entry, const member_entry& member) {
     if (std::wstring(entry.name) != L"cDIBSection" || std::wstring(member.name) != L"CreateDIB") return {};
     return [](VARIANT& variable) {
@@ -228,8 +216,7 @@ bool reaches(WORD flags, const member_entry& e) {
            (e.invoke_kind == INVOKE_PROPERTYPUT && (flags & DISPATCH_PROPERTYPUT)) ||
            (e.invoke_kind == INVOKE_PROPERTYPUTREF && (flags & DISPATCH_PROPERTYPUTREF));
 }
-// Whether no member that a call with these flags reaches takes this many arguments (a property's get and put
-// share a DISPID).
+// Whether no member these flags reach takes this many arguments (a property's get and put share a DISPID).
 bool more_than_any_takes(const interface_members& members, DISPID id, WORD flags, size_t count) {
     return std::none_of(members.members, members.members + members.count,
                         [&](const member_entry& e) { return e.dispid == id && reaches(flags, e) && count <= e.param_count; });
@@ -251,18 +238,13 @@ TEST(DispatchDifferential, EveryMemberAgreesWithTheTypeLibraryPath) {
             const member_entry& member = members.members[m];
             const std::string name = narrow(entry.name) + "." + narrow(member.name);
             for (WORD flags : flag_sets(member.invoke_kind)) {
-                // Both paths start from a new instance in the same state.
-                com_ptr<IDispatch> ours_object = make(entry), reference_object = make(entry), same_class = make(entry);
+                com_ptr<IDispatch> ours_object = make(entry), reference_object = make(entry), same_class = make(entry);  // alike
                 com_ptr<ITypeInfo> info;
                 com_ptr<IUnknown> vtable;
                 ASSERT_TRUE(reference_object->GetTypeInfo(0, 0, info.put()) == S_OK &&
                             reference_object->QueryInterface(*entry.interface_id, vtable.put_void()) == S_OK);
-                const invoker ours = [&](DISPID id, WORD f, DISPPARAMS* p, VARIANT* r, EXCEPINFO* e, UINT* a) {
-                    return ours_object->Invoke(id, IID_NULL, 0, f, p, r, e, a);
-                };
-                const invoker reference = [&](DISPID id, WORD f, DISPPARAMS* p, VARIANT* r, EXCEPINFO* e, UINT* a) {
-                    return info->Invoke(vtable.get(), id, f, p, r, e, a);
-                };
+                const invoker ours = [&](DISPID id, WORD f, auto... rest) { return ours_object->Invoke(id, IID_NULL, 0, f, rest...); };
+                const invoker reference = [&](auto... all) { return info->Invoke(vtable.get(), all...); };
                 const bool named_put = flags & (DISPATCH_PROPERTYPUT | DISPATCH_PROPERTYPUTREF);
                 const written_back_hook settle = settle_for(entry, member);
                 for (const shape& s : battery(member, *entry.interface_id, same_class.get(), other_class.get(), a_record.get())) {

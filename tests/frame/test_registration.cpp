@@ -61,9 +61,8 @@ std::vector<registry_value> registration_of(const std::wstring& path, bool platf
     for (const class_entry& c : class_table()) {
         const std::wstring clsid = guid_text(*c.clsid), key = L"CLSID\\" + clsid, id = prog_id(c);
         values.insert(values.end(), {{own, key, L"", id}, {own, key + L"\\InprocServer32", L"", path},
-                                     {own, key + L"\\InprocServer32", L"ThreadingModel", L"Apartment"},
-                                     {own, key + L"\\ProgID", L"", id}, {own, key + L"\\TypeLib", L"", libid},
-                                     {own, id, L"", id}, {own, id + L"\\Clsid", L"", clsid}});
+                                     {own, key + L"\\InprocServer32", L"ThreadingModel", L"Apartment"}, {own, key + L"\\ProgID", L"", id},
+                                     {own, key + L"\\TypeLib", L"", libid}, {own, id, L"", id}, {own, id + L"\\Clsid", L"", clsid}});
     }
     return values;
 }
@@ -117,14 +116,10 @@ void clear(const scope& s) {
 class Registration : public ::testing::Test {
 protected:
     void SetUp() override { clear(machine), clear(user); }
-    void TearDown() override {
-        clear(machine), clear(user);
-        ASSERT_EQ(S_OK, dll().register_server());
-    }
+    void TearDown() override { clear(machine), clear(user); EXPECT_EQ(S_OK, dll().register_server()); }
 };
-// Alone, this build writes what registration_of says, in its scope only. Beside the other platform's build,
-// arranged as its registration leaves it, unregistering either leaves the other as if registered alone, and a
-// third party's addition to the shared library key stays.
+// Alone, this build writes what registration_of says, in its scope only. Beside the other build, unregistering
+// either leaves the other as if registered alone, and a third party's addition to the shared library key stays.
 TEST_F(Registration, EachBuildRoundTripsAloneAndBesideTheOther) {
     com_ptr<ITypeLib> library;
     ASSERT_EQ(S_OK, LoadTypeLibEx(dll_path().c_str(), REGKIND_NONE, library.put()));
@@ -173,9 +168,8 @@ TEST_F(Registration, RefusalsLeaveTheRegistryAsTheyFoundIt) {
     for (BOOL install : {TRUE, FALSE}) {
         ASSERT_TRUE(install || (machine.install(TRUE) == S_OK && user.install(TRUE) == S_OK));
         const std::string before = snapshot(machine) + snapshot(user), what = install ? "install" : "uninstall";
-        for (const wchar_t* line : {L"", L" user ", L"machine", L"users", L"user machine", L"garbage"})
-            EXPECT_EQ(hex(E_INVALIDARG), hex(dll().install(install, line))) << what << " \"" << narrow(line) << "\"";
-        EXPECT_EQ(hex(E_INVALIDARG), hex(dll().install(install, nullptr))) << what << " without a command line";
+        for (const wchar_t* line : {L"", L" user ", L"machine", L"users", L"user machine", L"garbage", static_cast<const wchar_t*>(nullptr)})
+            EXPECT_EQ(hex(E_INVALIDARG), hex(dll().install(install, line))) << what << " \"" << narrow(line ? line : L"(none)") << "\"";
         EXPECT_EQ(before, snapshot(machine) + snapshot(user)) << what;
     }
 }
