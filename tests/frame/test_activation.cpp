@@ -105,7 +105,8 @@ TEST(Identity, EachClassAnswersForWhatTheTypeLibraryPublishesOfIt) {
         for (const GUID& iid : every_interface) {
             const bool own_interface = std::count(own.interfaces.begin(), own.interfaces.end(), iid) > 0;
             EXPECT_EQ(std::make_pair(hex(own_interface ? S_OK : E_NOINTERFACE), hex(own_interface ? S_OK : S_FALSE)),
-                      std::make_pair(hex(object->QueryInterface(iid, com_ptr<IUnknown>().put_void())), hex(errors->InterfaceSupportsErrorInfo(iid))))
+                      std::make_pair(hex(object->QueryInterface(iid, com_ptr<IUnknown>().put_void())),
+                                     hex(errors->InterfaceSupportsErrorInfo(iid))))
                 << narrow(c.name) << " asked for " << narrow(guid_text(iid)) << " and its error info";
         }
         com_ptr<IProvideClassInfo2> second = object.query<IProvideClassInfo2>(IID_IProvideClassInfo2);
@@ -199,7 +200,8 @@ TEST(TypeLibrary, EmbeddedLibraryResolvesAndKeepsItsBinaryContract) {
     ASSERT_EQ(S_OK, LoadTypeLibEx(dll_path().c_str(), REGKIND_NONE, library.put()));
     TLIBATTR* attributes = nullptr;
     ASSERT_EQ(S_OK, library->GetLibAttr(&attributes));
-    std::wstring listing = guid_text(attributes->guid) + L" " + std::to_wstring(attributes->wMajorVerNum) + L"." + std::to_wstring(attributes->wMinorVerNum) + L"\n";
+    std::wstring listing = guid_text(attributes->guid) + L" " + std::to_wstring(attributes->wMajorVerNum) + L"." +
+                           std::to_wstring(attributes->wMinorVerNum) + L"\n";
     library->ReleaseTLibAttr(attributes);
     for (UINT i = 0; i < library->GetTypeInfoCount(); ++i) {
         com_ptr<ITypeInfo> info;

@@ -168,7 +168,8 @@ std::vector<shape> battery(const member_entry& member, REFIID own_interface, IDi
             record(a_record, false), record(a_record, true),
         };
         if (p.type == VT_DISPATCH)
-            variants.insert(variants.end(), {by_value(VT_DISPATCH, 0, other_class, "object of another class"), by_value(VT_DISPATCH, 0, nullptr, "nothing")});
+            variants.insert(variants.end(), {by_value(VT_DISPATCH, 0, other_class, "object of another class"),
+                                             by_value(VT_DISPATCH, 0, nullptr, "nothing")});
         for (const argument& a : variants) {
             shape made{"parameter " + std::to_string(k) + " " + a.label, natural, departure::none, k};
             made.arguments[k] = a;
@@ -211,11 +212,8 @@ written_back_hook settle_for(const class_entry& entry, const member_entry& membe
         V_I4(&variable) = -1;
     };
 }
-bool reaches(WORD flags, const member_entry& e) {
-    return (e.invoke_kind == INVOKE_FUNC && (flags & DISPATCH_METHOD)) || (e.invoke_kind == INVOKE_PROPERTYGET && (flags & DISPATCH_PROPERTYGET)) ||
-           (e.invoke_kind == INVOKE_PROPERTYPUT && (flags & DISPATCH_PROPERTYPUT)) ||
-           (e.invoke_kind == INVOKE_PROPERTYPUTREF && (flags & DISPATCH_PROPERTYPUTREF));
-}
+// INVOKE_FUNC, _PROPERTYGET, _PROPERTYPUT and _PROPERTYPUTREF have the bits of the DISPATCH_ flags that reach them.
+bool reaches(WORD flags, const member_entry& e) { return flags & e.invoke_kind; }
 // Whether no member these flags reach takes this many arguments (a property's get and put share a DISPID).
 bool more_than_any_takes(const interface_members& members, DISPID id, WORD flags, size_t count) {
     return std::none_of(members.members, members.members + members.count,

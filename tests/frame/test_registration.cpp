@@ -92,7 +92,8 @@ void dump(HKEY base, REGSAM view, const std::wstring& key, std::vector<std::wstr
     lines.push_back(where);
     wchar_t name[256], data[1024];
     for (DWORD i = 0, length = 256, bytes = sizeof data, type = 0;
-         !RegEnumValueW(opened.get(), i, name, &length, nullptr, &type, reinterpret_cast<BYTE*>(data), &bytes); ++i, length = 256, bytes = sizeof data)
+         !RegEnumValueW(opened.get(), i, name, &length, nullptr, &type, reinterpret_cast<BYTE*>(data), &bytes);
+         ++i, length = 256, bytes = sizeof data)
         lines.push_back(where + L" [" + name + L"] " + std::to_wstring(type) + L" " + std::wstring(data, wcsnlen(data, bytes / 2)));
     for (DWORD i = 0, length = 256; !RegEnumKeyExW(opened.get(), i, name, &length, nullptr, nullptr, nullptr, nullptr); ++i, length = 256)
         dump(base, view, key + L"\\" + name, lines);

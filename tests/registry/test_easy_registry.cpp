@@ -55,7 +55,7 @@ struct registry {
         LONG status = 12345;
         return expect_clean((object.get()->*member)(argument, &status), "a member"), status;
     }
-    long operator()(HRESULT (STDMETHODCALLTYPE R::*member)(BSTR, LONG*), const std::wstring& text) { return (*this)(member, bstr_from(text).get()); }
+    long operator()(HRESULT (STDMETHODCALLTYPE R::*m)(BSTR, LONG*), const std::wstring& text) { return (*this)(m, bstr_from(text).get()); }
     long operator()(HRESULT (STDMETHODCALLTYPE R::*member)(VARIANT*, LONG*), unique_variant& list) { return (*this)(member, list.get()); }
     std::wstring current_key() {
         unique_bstr key;
@@ -173,8 +173,8 @@ TEST_F(EasyRegistry, WritesStoreWhatTheKindAccepts) {
         {"bytes from lower bound 5", erByte, array_value(VT_UI1, {7, 8, 9}, 5), 0, REG_BINARY, {7, 8, 9}},
         {"no bytes", erByte, array_value(VT_UI1, {}), 0, REG_BINARY, {}},
         {"over 32 bits", erDWord, double_value(4294967296.0), 3}, {"negative", erDWord, double_value(-1), 3},
-        {"a fraction", erDWord, double_value(2.5), 3}, {"numeric text", erDWord, text_value(L"12"), 3}, {"a number for text", erSTRING, double_value(2), 3},
-        {"text for bytes", erByte, text_value(L"abc"), 3},
+        {"a fraction", erDWord, double_value(2.5), 3}, {"numeric text", erDWord, text_value(L"12"), 3},
+        {"a number for text", erSTRING, double_value(2), 3}, {"text for bytes", erByte, text_value(L"abc"), 3},
         {"two-dimensional bytes", erByte, array_value(VT_UI1, {1, 2}, 0, 2), 3},
         {"an array of variants", erByte, array_value(VT_VARIANT, bytes(3)), 3},
     };
