@@ -157,9 +157,9 @@ TEST_F(EasyRegistry, KeysListMakeAndDeleteActBelowTheCurrentKeyAndNeedOne) {
     set_value("gone", REG_SZ, {'x', 0});
     EXPECT_TRUE(reg(&R::DeleteValue, L"gone") == 0 && !stored("gone"));
     EXPECT_EQ(failure, reg(&R::CD, L"missing")) << "a relative CD that fails";
-    V_VT(list.put()) = VT_I4;
-    EXPECT_TRUE(reg(&R::DirKey, list) == failure && V_VT(list.get()) == VT_I4) << "then lists nothing and leaves DirList alone";
     EXPECT_TRUE(reg(&R::MakeKey, L"stray") == failure && !has_key(L"stray")) << "then acts on no other key";
+    V_VT(list.put()) = VT_I4;
+    EXPECT_TRUE(reg(&R::DirKey, list) == failure && V_VT(list.get()) == VT_I4) << "lists nothing and leaves DirList alone";
 }
 
 TEST_F(EasyRegistry, WritesStoreWhatTheKindAccepts) {
