@@ -1,5 +1,5 @@
-// Registration, machine-wide and per user, in both registry views and beside the other
-// platform's build; refusals; the manifests. Ends registered, as the script clients expect.
+// Registration, machine-wide and per user, in both registry views and beside the other platform's
+// build; refusals. Ends registered, as the script clients expect.
 #include "frame/class_table.h"
 #include "frame/registration.h"
 #include "library_identity.h"
@@ -15,35 +15,25 @@ namespace vx::test {
 namespace {
 
 const std::wstring libid = guid_text(identity::libid);
-
 // The library's version, which the registry writes in hexadecimal.
-std::wstring library_version() {
+const std::wstring library_version = [] {
     wchar_t version[16];
     wsprintfW(version, L"%x.%x", identity::library_major_version, identity::library_minor_version);
-    return version;
-}
-const std::wstring version_key = L"TypeLib\\" + libid + L"\\" + library_version();
-const wchar_t* const automation_marshaller = L"{00020424-0000-0000-C000-000000000046}";
-const wchar_t* const dispatch_marshaller = L"{00020420-0000-0000-C000-000000000046}";
+    return std::wstring(version);
+}();
+const std::wstring version_key = L"TypeLib\\" + libid + L"\\" + library_version;
+const wchar_t *const automation_marshaller = L"{00020424-0000-0000-C000-000000000046}",
+                     *const dispatch_marshaller = L"{00020420-0000-0000-C000-000000000046}";
 const bool win64 = sizeof(void*) == 8;
 const REGSAM both_views[] = {KEY_WOW64_32KEY, KEY_WOW64_64KEY};
 REGSAM view_of(bool platform_win64) { return platform_win64 ? KEY_WOW64_64KEY : KEY_WOW64_32KEY; }
 
-struct scope {
-    HKEY base;
-    registration_scope which;
-    const char* name;
-    HRESULT (*install)(BOOL on);
-};
+struct scope { HKEY base; registration_scope which; const char* name; HRESULT (*install)(BOOL on); };
 const scope machine = {HKEY_LOCAL_MACHINE, registration_scope::machine, "machine-wide",
                        [](BOOL on) { return on ? dll().register_server() : dll().unregister_server(); }};
-const scope user = {HKEY_CURRENT_USER, registration_scope::user, "per user",
-                    [](BOOL on) { return dll().install(on, L"user"); }};
-
+const scope user = {HKEY_CURRENT_USER, registration_scope::user, "per user", [](BOOL on) { return dll().install(on, L"user"); }};
 std::wstring classes(const std::wstring& key) { return L"Software\\Classes\\" + key; }
-
-// Every marshalled interface of a class: the dual ones by the automation
-// marshaller, the events interface as a dispinterface.
+// Every marshalled interface of a class: the dual ones by the automation marshaller, the events as a dispinterface.
 struct marshalled { const IID* iid; std::wstring name; const wchar_t* marshaller; };
 std::vector<marshalled> interfaces_of(const class_entry& c) {
     std::vector<marshalled> found = {{c.interface_id, std::wstring(L"_") + c.name, automation_marshaller}};
@@ -51,52 +41,41 @@ std::vector<marshalled> interfaces_of(const class_entry& c) {
     if (c.source_interface) found.push_back({c.source_interface, std::wstring(L"__") + c.name, dispatch_marshaller});
     return found;
 }
-
 struct registry_value { REGSAM view; std::wstring key, name, value; };
-
 // What registering one build leaves: library and interfaces in both views, classes in its own.
 std::vector<registry_value> registration_of(const std::wstring& path, bool platform_win64) {
     std::vector<registry_value> values;
     const std::wstring path_key = version_key + (platform_win64 ? L"\\0\\win64" : L"\\0\\win32");
     for (REGSAM view : both_views) {
-        values.insert(values.end(), {{view, version_key, L"", identity::library_name},
-                                     {view, version_key + L"\\FLAGS", L"", L"0"},
-                                     {view, version_key + L"\\HELPDIR", L"", path.substr(0, path.rfind(L'\\'))},
-                                     {view, path_key, L"", path}});
+        values.insert(values.end(), {{view, version_key, L"", identity::library_name}, {view, version_key + L"\\FLAGS", L"", L"0"},
+                                     {view, version_key + L"\\HELPDIR", L"", path.substr(0, path.rfind(L'\\'))}, {view, path_key, L"", path}});
         for (const class_entry& c : class_table())
             for (const marshalled& i : interfaces_of(c)) {
                 const std::wstring key = L"Interface\\" + guid_text(*i.iid);
-                values.insert(values.end(), {{view, key, L"", i.name},
-                                             {view, key + L"\\ProxyStubClsid", L"", i.marshaller},
-                                             {view, key + L"\\ProxyStubClsid32", L"", i.marshaller},
-                                             {view, key + L"\\TypeLib", L"", libid},
-                                             {view, key + L"\\TypeLib", L"Version", library_version()}});
+                values.insert(values.end(), {{view, key, L"", i.name}, {view, key + L"\\ProxyStubClsid", L"", i.marshaller},
+                                             {view, key + L"\\ProxyStubClsid32", L"", i.marshaller}, {view, key + L"\\TypeLib", L"", libid},
+                                             {view, key + L"\\TypeLib", L"Version", library_version}});
             }
     }
     const REGSAM own = view_of(platform_win64);
     for (const class_entry& c : class_table()) {
         const std::wstring clsid = guid_text(*c.clsid), key = L"CLSID\\" + clsid, id = prog_id(c);
         values.insert(values.end(), {{own, key, L"", id}, {own, key + L"\\InprocServer32", L"", path},
-                                     {own, key + L"\\InprocServer32", L"ThreadingModel", L"Apartment"},
-                                     {own, key + L"\\ProgID", L"", id}, {own, key + L"\\TypeLib", L"", libid},
-                                     {own, id, L"", id}, {own, id + L"\\Clsid", L"", clsid}});
+                                     {own, key + L"\\InprocServer32", L"ThreadingModel", L"Apartment"}, {own, key + L"\\ProgID", L"", id},
+                                     {own, key + L"\\TypeLib", L"", libid}, {own, id, L"", id}, {own, id + L"\\Clsid", L"", clsid}});
     }
     return values;
 }
-
 void write(const scope& s, const std::vector<registry_value>& values) {
     for (const registry_value& v : values) {
         unique_hkey key;
-        RegCreateKeyExW(s.base, classes(v.key).c_str(), 0, nullptr, 0, KEY_SET_VALUE | v.view, nullptr, key.put(),
-                        nullptr);
+        RegCreateKeyExW(s.base, classes(v.key).c_str(), 0, nullptr, 0, KEY_SET_VALUE | v.view, nullptr, key.put(), nullptr);
         RegSetValueExW(key.get(), v.name.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE*>(v.value.c_str()),
                        static_cast<DWORD>((v.value.size() + 1) * sizeof(wchar_t)));
     }
 }
-
 // The keys registration may touch, in both views.
-template <class Function>
-void for_each_touched_key(Function visit) {
+template <class Function> void for_each_touched_key(Function visit) {
     for (REGSAM view : both_views) {
         visit(view, L"TypeLib\\" + libid);
         for (const class_entry& c : class_table()) {
@@ -105,7 +84,6 @@ void for_each_touched_key(Function visit) {
         }
     }
 }
-
 // A line for the key, every key under it and every value in them.
 void dump(HKEY base, REGSAM view, const std::wstring& key, std::vector<std::wstring>& lines) {
     unique_hkey opened;
@@ -116,22 +94,18 @@ void dump(HKEY base, REGSAM view, const std::wstring& key, std::vector<std::wstr
     for (DWORD i = 0, length = 256, bytes = sizeof data, type = 0;
          !RegEnumValueW(opened.get(), i, name, &length, nullptr, &type, reinterpret_cast<BYTE*>(data), &bytes);
          ++i, length = 256, bytes = sizeof data)
-        lines.push_back(where + L" [" + name + L"] " + std::to_wstring(type) + L" " +
-                        std::wstring(data, wcsnlen(data, bytes / sizeof(wchar_t))));
-    for (DWORD i = 0, length = 256; !RegEnumKeyExW(opened.get(), i, name, &length, nullptr, nullptr, nullptr, nullptr);
-         ++i, length = 256)
+        lines.push_back(where + L" [" + name + L"] " + std::to_wstring(type) + L" " + std::wstring(data, wcsnlen(data, bytes / 2)));
+    for (DWORD i = 0, length = 256; !RegEnumKeyExW(opened.get(), i, name, &length, nullptr, nullptr, nullptr, nullptr); ++i, length = 256)
         dump(base, view, key + L"\\" + name, lines);
 }
-
 std::string snapshot(const scope& s) {
     std::vector<std::wstring> lines;
     for_each_touched_key([&](REGSAM view, const std::wstring& key) { dump(s.base, view, key, lines); });
     std::sort(lines.begin(), lines.end());
-    std::wstring text;
-    for (const std::wstring& line : lines) text += line + L"\n";
-    return narrow(text);
+    std::string text;
+    for (const std::wstring& line : lines) text += narrow(line) + "\n";
+    return text;
 }
-
 void clear(const scope& s) {
     for_each_touched_key([&](REGSAM view, const std::wstring& key) {
         unique_hkey opened;
@@ -139,21 +113,14 @@ void clear(const scope& s) {
             RegDeleteTreeW(opened.get(), nullptr), RegDeleteKeyExW(s.base, classes(key).c_str(), view, 0);
     });
 }
-
 // Each test starts with nothing registered and ends registered machine-wide.
 class Registration : public ::testing::Test {
 protected:
     void SetUp() override { clear(machine), clear(user); }
-    void TearDown() override {
-        clear(machine), clear(user);
-        ASSERT_EQ(S_OK, dll().register_server());
-    }
+    void TearDown() override { clear(machine), clear(user); EXPECT_EQ(S_OK, dll().register_server()); }
 };
-
-// Alone, this build writes what registration_of says, in its scope only.
-// Beside the other platform's build, arranged as its registration leaves
-// it, unregistering either leaves the other as if registered alone, and a
-// third party's addition to the shared library key stays.
+// Alone, this build writes what registration_of says, in its scope only. Beside the other build, unregistering
+// either leaves the other as if registered alone, and a third party's addition to the shared library key stays.
 TEST_F(Registration, EachBuildRoundTripsAloneAndBesideTheOther) {
     com_ptr<ITypeLib> library;
     ASSERT_EQ(S_OK, LoadTypeLibEx(dll_path().c_str(), REGKIND_NONE, library.put()));
@@ -182,17 +149,15 @@ TEST_F(Registration, EachBuildRoundTripsAloneAndBesideTheOther) {
         clear(*s);
     }
 }
-
-// A step refused half-way (no lasting key under a volatile one) undoes what
-// the call wrote or changed; an unknown install command line does nothing.
+// A step refused half-way (no lasting key under a volatile one) undoes what the call wrote or changed; an
+// unknown install command line does nothing.
 TEST_F(Registration, RefusalsLeaveTheRegistryAsTheyFoundIt) {
     const class_entry &first = *class_table_begin(), &last = *(class_table_end() - 1);
     const struct { std::wstring key; HRESULT expected; } refused[] = {{L"TypeLib\\" + libid, SELFREG_E_TYPELIB},
                                                                       {prog_id(last), SELFREG_E_CLASS}};
     for (const scope* s : {&machine, &user})
         for (const auto& step : refused) {
-            write(*s, {{view_of(win64), L"CLSID\\" + guid_text(*first.clsid) + L"\\InprocServer32", L"",
-                        L"C:\\Old\\vxTypes32.dll"}});
+            write(*s, {{view_of(win64), L"CLSID\\" + guid_text(*first.clsid) + L"\\InprocServer32", L"", L"C:\\Old\\vxTypes32.dll"}});
             unique_hkey blocked;
             ASSERT_EQ(0, RegCreateKeyExW(s->base, classes(step.key).c_str(), 0, nullptr, REG_OPTION_VOLATILE,
                                          KEY_READ | view_of(win64), nullptr, blocked.put(), nullptr));
@@ -204,38 +169,10 @@ TEST_F(Registration, RefusalsLeaveTheRegistryAsTheyFoundIt) {
     for (BOOL install : {TRUE, FALSE}) {
         ASSERT_TRUE(install || (machine.install(TRUE) == S_OK && user.install(TRUE) == S_OK));
         const std::string before = snapshot(machine) + snapshot(user), what = install ? "install" : "uninstall";
-        for (const wchar_t* line : {L"", L" user ", L"machine", L"users", L"user machine", L"garbage"})
-            EXPECT_EQ(hex(E_INVALIDARG), hex(dll().install(install, line))) << what << " \"" << narrow(line) << "\"";
-        EXPECT_EQ(hex(E_INVALIDARG), hex(dll().install(install, nullptr))) << what << " without a command line";
+        for (const wchar_t* line : {L"", L" user ", L"machine", L"users", L"user machine", L"garbage", static_cast<const wchar_t*>(nullptr)})
+            EXPECT_EQ(hex(E_INVALIDARG), hex(dll().install(install, line))) << what << " \"" << narrow(line ? line : L"(none)") << "\"";
         EXPECT_EQ(before, snapshot(machine) + snapshot(user)) << what;
     }
-}
-
-TEST_F(Registration, EveryClassActivatesFromTheManifestsAlone) {
-    std::wstring folder = dll_path();
-    folder.erase(folder.find_last_of(L'\\') + 1);
-    const std::wstring manifest = folder + L"vxTypes32.client.manifest";
-    ACTCTXW description = {};
-    description.cbSize = sizeof description;
-    description.dwFlags = ACTCTX_FLAG_ASSEMBLY_DIRECTORY_VALID;
-    description.lpSource = manifest.c_str();
-    description.lpAssemblyDirectory = folder.c_str();
-    const HANDLE context = CreateActCtxW(&description);
-    ULONG_PTR cookie = 0;
-    ASSERT_TRUE(context != INVALID_HANDLE_VALUE && ActivateActCtx(context, &cookie)) << "the manifests load";
-    for (const class_entry& c : class_table()) {
-        com_ptr<IDispatch> object, named;
-        EXPECT_EQ(S_OK, CoCreateInstance(*c.clsid, nullptr, CLSCTX_INPROC_SERVER, *c.interface_id, object.put_void()))
-            << narrow(c.name) << " by CLSID";
-        // Within an activation context a ProgID may map to an alias of the
-        // CLSID, which activates the same class.
-        CLSID by_name{};
-        EXPECT_EQ(S_OK, CLSIDFromProgID(prog_id(c).c_str(), &by_name)) << narrow(c.name);
-        EXPECT_EQ(S_OK, CoCreateInstance(by_name, nullptr, CLSCTX_INPROC_SERVER, *c.interface_id, named.put_void()))
-            << narrow(c.name) << " by ProgID";
-    }
-    DeactivateActCtx(0, cookie);
-    ReleaseActCtx(context);
 }
 
 }  // namespace

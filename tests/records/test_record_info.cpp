@@ -1,7 +1,6 @@
-// Records as an automation client gets them from the platform's IRecordInfo
-// over the DLL's embedded type library. Names, GUIDs and fields are in the
-// library's fingerprint, offsets in the writer's own check; this is the size
-// a client allocates and what an empty record holds.
+// Records through the platform's IRecordInfo over the DLL's type library: the
+// size a client allocates and what an empty record holds (names, GUIDs and
+// fields are in the library's fingerprint, offsets in the writer's own check).
 #include "support/component.h"
 #include "vxTypes32_types.h"
 
@@ -11,17 +10,6 @@ namespace vx::test {
 namespace {
 
 using namespace vxTypes32;
-
-com_ptr<IRecordInfo> record_info(const GUID& type) {
-    com_ptr<ITypeLib> library;
-    com_ptr<ITypeInfo> info;
-    com_ptr<IRecordInfo> record;
-    EXPECT_EQ(S_OK, LoadTypeLibEx(dll_path().c_str(), REGKIND_NONE, library.put()));
-    if (library && library->GetTypeInfoOfGuid(type, info.put()) == S_OK) {
-        EXPECT_EQ(S_OK, GetRecordInfoFromTypeInfo(info.get(), record.put()));
-    }
-    return record;
-}
 
 // The published sizes, the 32-bit layout's and the 64-bit one's (the same
 // 4-byte packing with pointer-sized fields).
@@ -36,9 +24,13 @@ TEST(RecordInfo, EveryRecordHasItsSizeAndInitsToZeroes) {
         {&GUID_Veltrax_posting_field, layout_size(176, 220)}, {&GUID_Veltrax_posting_source, layout_size(29796, 36700)},
         {&GUID_Veltrax_facet_file, layout_size(52, 60)},
     };
+    com_ptr<ITypeLib> library;
+    ASSERT_EQ(S_OK, LoadTypeLibEx(dll_path().c_str(), REGKIND_NONE, library.put()));
     for (const auto& r : records) {
-        com_ptr<IRecordInfo> info = record_info(*r.type);
-        ASSERT_TRUE(info) << r.size;
+        com_ptr<ITypeInfo> type;
+        com_ptr<IRecordInfo> info;
+        ASSERT_TRUE(library->GetTypeInfoOfGuid(*r.type, type.put()) == S_OK &&
+                    GetRecordInfoFromTypeInfo(type.get(), info.put()) == S_OK) << r.size;
         ULONG size = 0;
         EXPECT_TRUE(info->GetSize(&size) == S_OK && size == r.size) << r.size << ", got " << size;
         std::vector<unsigned char> bytes(r.size + 8, 0xA5), expected(r.size, 0);

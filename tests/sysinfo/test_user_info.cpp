@@ -16,25 +16,21 @@ const wchar_t computer_name_key[] = L"System\\CurrentControlSet\\Control\\Comput
 class scoped_name {
 public:
     scoped_name(bool logon, const std::wstring& name) : logon_(logon) {
-        if (!logon_) RegOpenKeyExW(HKEY_LOCAL_MACHINE, computer_name_key, 0, KEY_ALL_ACCESS, key_.put());
-        previous_ = read();
+        wchar_t old[1024] = {};
+        DWORD bytes = sizeof old - sizeof(wchar_t);
+        if (logon_) GetEnvironmentVariableW(L"WINEUSERNAME", old, 1023);
+        else if (!RegOpenKeyExW(HKEY_LOCAL_MACHINE, computer_name_key, 0, KEY_ALL_ACCESS, key_.put()))
+            RegQueryValueExW(key_.get(), L"ComputerName", nullptr, nullptr, reinterpret_cast<BYTE*>(old), &bytes);
+        previous_ = old;
         write(name.c_str());
     }
     ~scoped_name() { write(previous_.empty() ? nullptr : previous_.c_str()); }
 
 private:
-    std::wstring read() const {
-        wchar_t old[1024] = {};
-        DWORD bytes = sizeof old - sizeof(wchar_t);
-        if (logon_) GetEnvironmentVariableW(L"WINEUSERNAME", old, 1023);
-        else RegQueryValueExW(key_.get(), L"ComputerName", nullptr, nullptr, reinterpret_cast<BYTE*>(old), &bytes);
-        return old;
-    }
     void write(const wchar_t* name) const {
         if (logon_) SetEnvironmentVariableW(L"WINEUSERNAME", name);
-        else if (name)
-            RegSetValueExW(key_.get(), L"ComputerName", 0, REG_SZ, reinterpret_cast<const BYTE*>(name),
-                           static_cast<DWORD>((wcslen(name) + 1) * sizeof(wchar_t)));
+        else if (name) RegSetValueExW(key_.get(), L"ComputerName", 0, REG_SZ, reinterpret_cast<const BYTE*>(name),
+                                      static_cast<DWORD>((wcslen(name) + 1) * sizeof(wchar_t)));
     }
     bool logon_;
     unique_hkey key_;
@@ -44,12 +40,8 @@ private:
 TEST(UserInfo, NamesComeWholeOrRaiseTheSystemsError) {
     // Wine's GetComputerNameA refuses any name over 15 characters.
     const struct { bool logon; std::wstring name; long error; } cases[] = {
-        {true, L"surveyor", 0},
-        {true, std::wstring(255, L'x'), 0},
-        {true, std::wstring(256, L'y'), ERROR_INSUFFICIENT_BUFFER},
-        {false, L"RIG-7", 0},
-        {false, std::wstring(40, L'L'), ERROR_BUFFER_OVERFLOW},
-    };
+        {true, L"surveyor", 0}, {true, std::wstring(255, L'x'), 0}, {true, std::wstring(256, L'y'), ERROR_INSUFFICIENT_BUFFER},
+        {false, L"RIG-7", 0}, {false, std::wstring(40, L'L'), ERROR_BUFFER_OVERFLOW}};
     for (const auto& c : cases) {
         const std::string label = (c.logon ? "Logon of " : "ComputerName of ") + std::to_string(c.name.size());
         scoped_name name(c.logon, c.name);
