@@ -20,13 +20,14 @@ TEST(DibSectionScanLine, ThreeBytesAPixelRoundedUpToFour) {
 }
 
 HGDIOBJ as_handle(LONG_PTR value) { return reinterpret_cast<HGDIOBJ>(value); }
+bool released(const section_facts& f) { return !f.hdc && !f.hdib && !f.bits; }
+bool deleted(const section_facts& f) { return !GetObjectType(as_handle(f.hdib)) && !GetObjectType(as_handle(f.hdc)); }
 
 TEST(DibSectionStates, NewLiveReleasedAndRecreated) {
     com_ptr<_cDIBSection> section = new_section();
     section_facts f = facts_of(section.get());
-    EXPECT_EQ(0, f.width + f.height + f.stride + f.hdc + f.hdib + f.bits) << "new: every property 0";
+    EXPECT_TRUE(released(f) && !f.width && !f.height && !f.stride) << "new: every property 0";
     EXPECT_EQ(S_OK, section->ClearUp()) << "ClearUp on a new instance does nothing";
-
     VARIANT_BOOL made = VARIANT_FALSE;
     ASSERT_EQ(S_OK, section->Create(100, 50, &made));
     const section_facts live = facts_of(section.get());
@@ -41,19 +42,15 @@ TEST(DibSectionStates, NewLiveReleasedAndRecreated) {
 
     ASSERT_EQ(S_OK, section->ClearUp());
     f = facts_of(section.get());
-    EXPECT_EQ(0, f.hdc + f.hdib + f.bits) << "released: handles and address 0";
+    EXPECT_TRUE(released(f) && deleted(live)) << "released: handles and address 0, both deleted";
     EXPECT_TRUE(f.width == 100 && f.height == 50 && f.stride == 300) << "released: the old size stays";
-    EXPECT_EQ(0u, GetObjectType(as_handle(live.hdib)) + GetObjectType(as_handle(live.hdc))) << "both deleted";
     EXPECT_EQ(S_OK, section->ClearUp()) << "ClearUp on a released instance does nothing";
-
     // A second Create deletes the first section even when it fails.
     ASSERT_EQ(S_OK, section->Create(8, 8, &made));
     const section_facts first = facts_of(section.get());
     ASSERT_EQ(S_OK, section->Create(0, 8, &made));
-    EXPECT_EQ(VARIANT_FALSE, made) << "a section 0 pixels wide is refused";
-    EXPECT_EQ(0u, GetObjectType(as_handle(first.hdib)) + GetObjectType(as_handle(first.hdc)));
     f = facts_of(section.get());
-    EXPECT_EQ(0, f.hdc + f.hdib + f.bits) << "a failed Create leaves the instance released";
+    EXPECT_TRUE(!made && deleted(first) && released(f)) << "a section 0 pixels wide is refused, the first deleted";
     EXPECT_TRUE(f.width == 0 && f.height == 8) << "the header holds the refused size";
 }
 
@@ -64,27 +61,25 @@ TEST(DibSectionOverflow, SizeArithmeticRaisesError6) {
         const std::string label = std::to_string(r.width) + " x " + std::to_string(r.height);
         com_ptr<_cDIBSection> section = new_section();
         VARIANT_BOOL made = VARIANT_TRUE;
+        LONG stride = 0;
+        LONG_PTR handle = 0;
         EXPECT_EQ(automation_error_number(6), section->Create(r.width, r.height, &made)) << label;
         EXPECT_EQ(L"cDIBSection.Create", take_error_info().source) << label;
         const section_facts f = facts_of(section.get());
         EXPECT_TRUE(f.width == r.width && f.height == r.height) << label << ": the header holds the new size";
         EXPECT_TRUE(f.hdc && !f.hdib) << label << ": the new DC stays, no section";
-        LONG stride = 0;
         EXPECT_EQ(r.scan_line_overflows ? automation_error_number(6) : S_OK, section->get_BytesPerScanLine(&stride))
             << label;
-        LONG_PTR handle = 0;
         EXPECT_EQ(automation_error_number(6), section->CreateDIB(0, r.width, r.height, &handle, &made)) << label;
         EXPECT_EQ(0, handle) << label << ": CreateDIB made nothing";
         EXPECT_EQ(S_OK, section->RandomiseBits(VARIANT_FALSE)) << label << ": nothing to write";
     }
-    // The last width that fits.
-    com_ptr<_cDIBSection> section = new_section();
+    com_ptr<_cDIBSection> section = new_section();  // the last width that fits
     LONG_PTR handle = 0;
     VARIANT_BOOL made = VARIANT_FALSE;
-    section->CreateDIB(0, 715827881, 0, &handle, &made);
     LONG stride = 0;
-    EXPECT_EQ(S_OK, section->get_BytesPerScanLine(&stride));
-    EXPECT_EQ(2147483644, stride);
+    section->CreateDIB(0, 715827881, 0, &handle, &made);
+    EXPECT_TRUE(section->get_BytesPerScanLine(&stride) == S_OK && stride == 2147483644) << stride;
 }
 
 // A pattern where every pixel of a picture differs.
@@ -96,28 +91,24 @@ void fill(_cDIBSection* section, bool with_pattern) {
         for (long x = 0; x < f.width; ++x) set_pixel(section, x, y, with_pattern ? pattern(x, y) : 0x111111u);
 }
 
-struct blit_case {
-    const char* label;
-    bool paint;    // PaintPicture out of the section, or LoadPictureBlt into it
-    long args[6];  // as the member takes them after the DC
-    DWORD rop;
-    // The rectangle that changes, in destination coordinates, and where it
-    // comes from.
-    long left, top, width, height, source_left, source_top;
-};
-
 // A 6 x 8 section, taller than wide so that its width cannot stand in for
 // its height unseen, meets a 30 x 40 one. Every pixel of the destination
 // is the pattern through the raster op inside the rectangle, and the
 // 0x111111 it was filled with outside.
 TEST(DibSectionBlits, CopyTheRectangleTheyAreGiven) {
-    const blit_case cases[] = {
+    const struct {
+        const char* label;
+        bool paint;    // PaintPicture out of the section, or LoadPictureBlt into it
+        long args[6];  // as the member takes them after the DC
+        DWORD rop;
+        long left, top, width, height, source_left, source_top;  // the rectangle that changes, and its source
+    } cases[] = {
         {"PaintPicture with every default", true, {0, 0, -1, -1, 0, 0}, SRCCOPY, 0, 0, 6, 8, 0, 0},
         {"PaintPicture: any negative size is the section's", true, {10, 20, -5, -7, 0, 0}, NOTSRCCOPY, 10, 20, 6, 8, 0, 0},
         {"PaintPicture of a rectangle inside the section", true, {1, 2, 2, 3, 4, 3}, SRCCOPY, 1, 2, 2, 3, 4, 3},
         {"LoadPictureBlt from (5, 5), to the section's origin", false, {5, 5, -1, -9}, SRCCOPY, 0, 0, 6, 8, 5, 5},
     };
-    for (const blit_case& c : cases) {
+    for (const auto& c : cases) {
         com_ptr<_cDIBSection> section = new_section(6, 8), other = new_section(30, 40);
         _cDIBSection* destination = c.paint ? other.get() : section.get();
         fill(c.paint ? section.get() : other.get(), true);
@@ -128,21 +119,20 @@ TEST(DibSectionBlits, CopyTheRectangleTheyAreGiven) {
         ASSERT_EQ(S_OK, c.paint ? section->PaintPicture(dc, a[0], a[1], a[2], a[3], a[4], a[5], rop)
                                 : section->LoadPictureBlt(dc, a[0], a[1], a[2], a[3], rop));
         const section_facts f = facts_of(destination);
-        for (long y = 0; y < f.height; ++y)
-            for (long x = 0; x < f.width; ++x) {
-                std::uint32_t expected = 0x111111u;
-                if (x >= c.left && x < c.left + c.width && y >= c.top && y < c.top + c.height)
-                    expected = pattern(c.source_left + x - c.left, c.source_top + y - c.top) ^
-                               (c.rop == SRCCOPY ? 0 : 0xFFFFFF);
-                ASSERT_EQ(expected, pixel_at(destination, x, y)) << c.label << " at (" << x << ", " << y << ")";
-            }
+        for (long i = 0; i < f.width * f.height; ++i) {
+            const long x = i % f.width, y = i / f.width;
+            const bool inside = x >= c.left && x < c.left + c.width && y >= c.top && y < c.top + c.height;
+            const std::uint32_t copied = pattern(c.source_left + x - c.left, c.source_top + y - c.top) ^
+                                         (c.rop == SRCCOPY ? 0 : 0xFFFFFF);
+            ASSERT_EQ(inside ? copied : 0x111111u, pixel_at(destination, x, y))
+                << c.label << " at (" << x << ", " << y << ")";
+        }
     }
 }
 
-// Reseeded from the time of day at every call: the same moment gives the
-// same noise, another moment other noise. In colour blue stays 0, in gray
-// the three channels agree; the padding is left alone. The test program's
-// own copy of the class meets the clock it sets.
+// Reseeded from the time of day at every call: the same moment gives the same noise, another moment other
+// noise. In colour blue stays 0, in gray the three channels agree; the padding is left alone. The test
+// program's own copy of the class meets the clock it sets.
 float moment;
 float clock_reading() { return moment; }
 
@@ -152,7 +142,7 @@ TEST(DibSectionRandomiseBits, NoiseFromTheTimeOfDay) {
         std::vector<unsigned char> noise[3];
         for (int i = 0; i < 3; ++i) {
             moment = i == 2 ? 200.25f : 100.5f;
-            com_ptr<_cDIBSection> section = create_local<_cDIBSection>(CLSID_cDIBSection, IID__cDIBSection);
+            auto section = create_local<_cDIBSection>(CLSID_cDIBSection, IID__cDIBSection);
             VARIANT_BOOL made = VARIANT_FALSE;
             ASSERT_TRUE(SUCCEEDED(section->Create(5, 3, &made)) && made);
             unsigned char* bits = bits_of(section.get());
@@ -191,9 +181,8 @@ TEST(DibSectionCreateFromPicture, CopiesABitmapPicture) {
         ASSERT_EQ(pattern(i % 32, i / 32), pixel_at(section.get(), i % 32, i / 32)) << "pixel " << i;
 }
 
-// CopyToClipboard(False) leaves a bitmap of the section's size; an empty
-// section one of its own, never the platform's shared stock bitmap, which
-// the clipboard would delete; a negative size is refused.
+// CopyToClipboard(False) leaves a bitmap of the section's size; an empty section one of its own, never the
+// platform's shared stock bitmap, which the clipboard would delete; a negative size is refused.
 TEST(DibSectionCopyToClipboard, LeavesABitmapOfTheSectionsSize) {
     const HDC probe = CreateCompatibleDC(nullptr);
     const HGDIOBJ stock = GetCurrentObject(probe, OBJ_BITMAP);
@@ -206,14 +195,13 @@ TEST(DibSectionCopyToClipboard, LeavesABitmapOfTheSectionsSize) {
         section->Create(r.width, r.height, &made);  // the header holds even a refused size
         ASSERT_EQ(S_OK, section->CopyToClipboard(VARIANT_FALSE, &copied)) << r.width;
         EXPECT_EQ(r.copied, copied == VARIANT_TRUE) << r.width;
+        BITMAP record = {};
         ASSERT_TRUE(OpenClipboard(nullptr));
         const HGDIOBJ bitmap = GetClipboardData(CF_BITMAP);
-        BITMAP record = {};
         EXPECT_TRUE(!r.copied || (bitmap != stock && GetObjectW(bitmap, sizeof record, &record) &&
                                   record.bmWidth == r.bitmap_width && record.bmHeight == r.bitmap_height))
             << r.width << ": " << record.bmWidth << " x " << record.bmHeight;
-        EmptyClipboard();
-        CloseClipboard();
+        EmptyClipboard(), CloseClipboard();
     }
 }
 

@@ -13,10 +13,11 @@ HDC dc_of(_clsBitmap* masked, dc_property property) {
     return reinterpret_cast<HDC>(value);
 }
 
-long width_of(_clsBitmap* masked) {
-    LONG value = -1;
-    masked->get_Width(&value);
-    return value;
+// Width and height as "W x H".
+std::string size_of(_clsBitmap* masked) {
+    LONG width = -1, height = -1;
+    masked->get_Width(&width), masked->get_Height(&height);
+    return std::to_string(width) + " x " + std::to_string(height);
 }
 
 COLORREF image_colour(int x, int y) { return RGB(x * 7 + 10, y * 13 + 5, (x ^ y) * 9); }
@@ -24,15 +25,11 @@ COLORREF image_colour(int x, int y) { return RGB(x * 7 + 10, y * 13 + 5, (x ^ y)
 // A client's bitmap in the screen's format, painted with image_colour; not
 // selected anywhere.
 HBITMAP client_bitmap(int width = 32, int height = 16) {
-    HDC screen = GetDC(nullptr);
-    HBITMAP bitmap = CreateCompatibleBitmap(screen, width, height);
-    ReleaseDC(nullptr, screen);
-    HDC dc = CreateCompatibleDC(nullptr);
-    HGDIOBJ old = SelectObject(dc, bitmap);
-    for (int y = 0; y < height; ++y)
-        for (int x = 0; x < width; ++x) SetPixel(dc, x, y, image_colour(x, y));
-    SelectObject(dc, old);
-    DeleteDC(dc);
+    const HDC screen = GetDC(nullptr), dc = CreateCompatibleDC(nullptr);
+    const HBITMAP bitmap = CreateCompatibleBitmap(screen, width, height);
+    const HGDIOBJ old = SelectObject(dc, bitmap);
+    for (int i = 0; i < width * height; ++i) SetPixel(dc, i % width, i / width, image_colour(i % width, i / width));
+    SelectObject(dc, old), DeleteDC(dc), ReleaseDC(nullptr, screen);
     return bitmap;
 }
 
@@ -63,9 +60,7 @@ TEST(MaskedBitmap, BuiltOnceFromTheImageAndUnchangedByARefusal) {
     {
         com_ptr<_clsBitmap> masked = create<_clsBitmap>(CLSID_clsBitmap, IID__clsBitmap);
         ASSERT_TRUE(set_bitmap(masked.get(), bitmap));
-        LONG height = 0;
-        masked->get_Height(&height);
-        EXPECT_TRUE(width_of(masked.get()) == 32 && height == 16);
+        EXPECT_EQ("32 x 16", size_of(masked.get()));
         image = dc_of(masked.get(), &_clsBitmap::get_ImageDC);
         ASSERT_TRUE(image);
         EXPECT_EQ(bitmap, GetCurrentObject(image, OBJ_BITMAP)) << "the client's bitmap is in the image DC";
@@ -83,41 +78,37 @@ TEST(MaskedBitmap, BuiltOnceFromTheImageAndUnchangedByARefusal) {
         inverted = dc_of(masked.get(), &_clsBitmap::get_InvertImageDC);
         ASSERT_TRUE(inverted);
         for (int i = 0; i < 32 * 16; ++i)
-            ASSERT_EQ(i % 32 < 16 ? RGB(0, 0, 0) : image_colour(i % 32, i / 32), GetPixel(inverted, i % 32, i / 32))
-                << "inverted pixel " << i;
+            ASSERT_EQ(i % 32 < 16 ? 0 : image_colour(i % 32, i / 32), GetPixel(inverted, i % 32, i / 32)) << i;
         EXPECT_EQ(inverted, dc_of(masked.get(), &_clsBitmap::get_InvertImageDC)) << "built once";
         EXPECT_EQ(mask, dc_of(masked.get(), &_clsBitmap::get_MaskDC));
 
         ASSERT_TRUE(set_bitmap(masked.get(), second));
         second_image = dc_of(masked.get(), &_clsBitmap::get_ImageDC);
-        EXPECT_TRUE(second_image != image && width_of(masked.get()) == 8);
+        EXPECT_TRUE(second_image != image && size_of(masked.get()) == "8 x 4");
         EXPECT_EQ(bitmap, GetCurrentObject(image, OBJ_BITMAP)) << "the earlier bitmap stays selected";
-        HDC client_dc = CreateCompatibleDC(nullptr);
-        HGDIOBJ client_old = SelectObject(client_dc, elsewhere);
+        const HDC client_dc = CreateCompatibleDC(nullptr);
+        const HGDIOBJ client_old = SelectObject(client_dc, elsewhere);
         const std::pair<HGDIOBJ, const char*> refused[] = {
             {GetStockObject(DEFAULT_GUI_FONT), "a font"}, {elsewhere, "a bitmap selected into the client's DC"},
             {bitmap, "a bitmap still selected in the earlier image DC"}, {nullptr, "no handle"}};
         for (const auto& [handle, what] : refused) {
             EXPECT_FALSE(set_bitmap(masked.get(), static_cast<HBITMAP>(handle))) << what;
-            masked->get_Height(&height);
-            EXPECT_TRUE(width_of(masked.get()) == 8 && height == 4) << what << ": the size stays";
+            EXPECT_EQ("8 x 4", size_of(masked.get())) << what << ": the size stays";
             EXPECT_TRUE(second_image == dc_of(masked.get(), &_clsBitmap::get_ImageDC) &&
                         mask == dc_of(masked.get(), &_clsBitmap::get_MaskDC) &&
                         inverted == dc_of(masked.get(), &_clsBitmap::get_InvertImageDC) &&
                         second == GetCurrentObject(second_image, OBJ_BITMAP))
                 << what << ": the DCs stay";
         }
-        SelectObject(client_dc, client_old);
-        DeleteDC(client_dc);
+        SelectObject(client_dc, client_old), DeleteDC(client_dc);
         EXPECT_TRUE(set_bitmap(masked.get(), elsewhere)) << "taken once the client's DC has let it go";
     }
     EXPECT_EQ(0u, GetObjectType(image) + GetObjectType(mask) + GetObjectType(inverted) + GetObjectType(second_image))
         << "the instance's end releases every DC";
     for (HBITMAP b : {bitmap, second, elsewhere}) {
-        HDC dc = CreateCompatibleDC(nullptr);
+        const HDC dc = CreateCompatibleDC(nullptr);
         EXPECT_NE(nullptr, SelectObject(dc, b)) << "the client's bitmaps survive, selected nowhere";
-        DeleteDC(dc);
-        DeleteObject(b);
+        DeleteDC(dc), DeleteObject(b);
     }
 }
 

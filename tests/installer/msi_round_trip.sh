@@ -1,11 +1,10 @@
 #!/usr/bin/env bash
-# This tree's installer package under Wine's msiexec, each step in a fresh
-# prefix: installed quietly for the machine, and for the user alone
-# ("ALLUSERS=": Wine hands quotes on to msiexec as \"), it writes what the
-# DLL's own registration writes (regsvr32, /n /i:user), paths aside; the
-# script host uses every class and runs a worked example (per user only the
-# keys and files: Wine activates no per-user class); the next revision's
-# package replaces it; uninstalling leaves registry and files as before.
+# This tree's package under Wine's msiexec, each step in a fresh prefix:
+# installed quietly for the machine, and for the user ("ALLUSERS=": Wine
+# hands quotes on to msiexec as \"), it writes what regsvr32 (/n /i:user)
+# writes, paths aside; cscript uses every class (per user only keys and
+# files: Wine activates no per-user class); the next revision replaces it;
+# uninstalling leaves registry and files as before.
 # Usage: msi_round_trip.sh TREE DLL MSI NEXT_MSI CSCRIPT EVERY_CLASS.vbs CLASS_NAMES EXAMPLE.vbs
 set -u
 tree=$1 dll=$2 msi=$3 next=$4 cscript=$5 every_class=$6 class_names=$7 example=$8 work=$1/installer-tests
@@ -25,13 +24,11 @@ like_registration() {
 
 fresh_prefix regsvr32
 snapshot r0
-run regsvr32 /s "$(winpath "$dll")" || fail "regsvr32"
-snapshot r1
-run regsvr32 /s /u "$(winpath "$dll")"
-run regsvr32 /s /n /i:user "$(winpath "$dll")" || fail "regsvr32 /n /i:user"
-snapshot r2
-changes r0 r1 machine "$(winpath "$dll")=<DLL>" "$(winpath "$(dirname "$dll")")=<DIR>" >"$work/reference.machine"
-changes r0 r2 user "$(winpath "$dll")=<DLL>" "$(winpath "$(dirname "$dll")")=<DIR>" >"$work/reference.user"
+run regsvr32 /s "$(winpath "$dll")" && snapshot r1 && run regsvr32 /s /u "$(winpath "$dll")" || fail "regsvr32"
+run regsvr32 /s /n /i:user "$(winpath "$dll")" && snapshot r2 || fail "regsvr32 /n /i:user"
+for part in machine:r1 user:r2; do
+    changes r0 "${part#*:}" "${part%:*}" "$(winpath "$dll")=<DLL>" "$(winpath "$(dirname "$dll")")=<DIR>" >"$work/reference.${part%:*}"
+done
 
 fresh_prefix machine
 "$cscript" "$every_class" >/dev/null 2>&1  # the script host registers its own library at its first run

@@ -15,13 +15,9 @@ static int failures;
 
 static void use_classes(void) {
     HRESULT hr;
-    CREATE(_Class_vxTypes32, Class_vxTypes32);
-    CREATE(_CComplexNumber, CComplexNumber);
-    CREATE(_cDIBSection, cDIBSection);
-    CREATE(_clsQuickSort, clsQuickSort);
-    CREATE(_clsEasyRegistry, clsEasyRegistry);
-    CREATE(_UserInfo, UserInfo);
-    CREATE(_clsBitmap, clsBitmap);
+    CREATE(_Class_vxTypes32, Class_vxTypes32); CREATE(_CComplexNumber, CComplexNumber);
+    CREATE(_cDIBSection, cDIBSection); CREATE(_clsQuickSort, clsQuickSort);
+    CREATE(_clsEasyRegistry, clsEasyRegistry); CREATE(_UserInfo, UserInfo); CREATE(_clsBitmap, clsBitmap);
     if (failures) return;
     UINT count = 0;
     hr = Class_vxTypes32->lpVtbl->GetTypeInfoCount(Class_vxTypes32, &count);
@@ -49,13 +45,10 @@ static void use_classes(void) {
     CHECK(hr == S_OK && V_VT(&computer) == VT_BSTR && SysStringLen(V_BSTR(&computer)), "UserInfo.ComputerName");
     hr = clsBitmap->lpVtbl->get_Width(clsBitmap, &width);
     CHECK(hr == S_OK && width == 0, "clsBitmap.Width");
-    VariantClear(&computer);
-    SysFreeString(path);
-    SysFreeString(key);
-    IUnknown *made_objects[] = {(IUnknown *)same, (IUnknown *)Class_vxTypes32, (IUnknown *)CComplexNumber,
-        (IUnknown *)cDIBSection, (IUnknown *)clsQuickSort, (IUnknown *)clsEasyRegistry, (IUnknown *)UserInfo,
-        (IUnknown *)clsBitmap};
-    for (size_t i = 0; i < 8; ++i) made_objects[i]->lpVtbl->Release(made_objects[i]);
+    VariantClear(&computer), SysFreeString(path), SysFreeString(key);
+    void *made_objects[] = {same, Class_vxTypes32, CComplexNumber, cDIBSection, clsQuickSort, clsEasyRegistry,
+                            UserInfo, clsBitmap};
+    for (size_t i = 0; i < 8; ++i) ((IUnknown *)made_objects[i])->lpVtbl->Release(made_objects[i]);
 }
 
 /* Each record as the header lays it out (its packing), against the library. */
@@ -70,12 +63,9 @@ static void check_record_sizes(void) {
     HRESULT hr = LoadRegTypeLib(&LIBID_vxTypes32, 1, 2, 0, &library);
     CHECK(hr == S_OK, "the registered type library");
     for (size_t i = 0; library && i < sizeof records / sizeof records[0]; ++i) {
-        ITypeInfo *info = NULL;
-        TYPEATTR *attributes = NULL;
-        MEMBERID id = 0;
-        USHORT found = 1;
-        wchar_t name[64];
-        char what[96];
+        ITypeInfo *info = NULL; TYPEATTR *attributes = NULL;
+        MEMBERID id = 0; USHORT found = 1;
+        wchar_t name[64]; char what[96];
         hr = library->lpVtbl->FindName(library, wcscpy(name, records[i].name), 0, &info, &id, &found);
         if (hr == S_OK && found == 1) hr = info->lpVtbl->GetTypeAttr(info, &attributes);
         snprintf(what, sizeof what, "the size of %ls (%u in the header)", records[i].name, (unsigned)records[i].size);
