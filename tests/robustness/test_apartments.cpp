@@ -11,8 +11,8 @@
 namespace vx::test {
 namespace {
 
-// The class's first property read without arguments, through its vtable slot: the proxy's own method for it
-// carries the call. S_FALSE for a class with none.
+// The class's first property read without arguments, through its vtable slot (the platform's ITypeInfo::Invoke
+// of the interface's vtable form): the proxy's own method for it carries the call. S_FALSE for a class with none.
 HRESULT first_property(ITypeLib* library, const class_entry& c, IUnknown* proxy) {
     com_ptr<ITypeInfo> dispatch, info;
     HREFTYPE vtable_form = 0;
@@ -25,16 +25,10 @@ HRESULT first_property(ITypeLib* library, const class_entry& c, IUnknown* proxy)
     for (UINT f = 0; f < attr->cFuncs && hr == S_FALSE; ++f) {
         FUNCDESC* d = nullptr;
         info->GetFuncDesc(f, &d);
-        const VARTYPE type = d->cParams == 1 ? d->lprgelemdescParam[0].tdesc.lptdesc->vt : VARTYPE(VT_EMPTY);
-        if (d->invkind == INVOKE_PROPERTYGET && type != VT_EMPTY && type != VT_PTR && type != VT_USERDEFINED) {
-            unique_variant value, returned;
-            VARIANT out, *args[] = {&out};
-            V_I8(value.get()) = 0;
-            V_VT(&out) = VT_BYREF | VT_UI1;
-            V_BYREF(&out) = type == VT_VARIANT ? static_cast<void*>(value.get()) : &V_UI1(value.get());
-            hr = DispCallFunc(proxy, d->oVft, CC_STDCALL, VT_ERROR, 1, &V_VT(&out), args, returned.get());
-            hr = SUCCEEDED(hr) ? V_ERROR(returned.get()) : hr;
-            if (SUCCEEDED(hr) && type != VT_VARIANT) V_VT(value.get()) = type;  // a BSTR is freed
+        if (d->invkind == INVOKE_PROPERTYGET && d->cParams == 1) {
+            DISPPARAMS none = {};
+            unique_variant value;
+            hr = info->Invoke(proxy, d->memid, DISPATCH_PROPERTYGET, &none, value.get(), nullptr, nullptr);
         }
         info->ReleaseFuncDesc(d);
     }
@@ -62,16 +56,13 @@ void use_from_another_apartment(ITypeLib* library, const std::vector<IStream*>& 
     // An error raised late-bound: its number and description come back in EXCEPINFO. Through the vtable the
     // number comes back alone: Wine's marshaller carries no error info across (platform).
     const com_ptr<IDispatch>& complex = proxies[find_class(CLSID_CComplexNumber) - class_table_begin()];
-    const wchar_t* name = L"Divide2";
-    DISPID id = 0;
     VARIANT zeros[2] = {};
     V_VT(&zeros[0]) = V_VT(&zeros[1]) = VT_R8;  // 0/0
     DISPPARAMS params = {zeros, nullptr, 2, 0};
     EXCEPINFO exception = {};
     unique_variant result;
-    ASSERT_EQ(S_OK, complex->GetIDsOfNames(IID_NULL, const_cast<LPOLESTR*>(&name), 1, 0, &id));
-    EXPECT_EQ(hex(DISP_E_EXCEPTION),
-              hex(complex->Invoke(id, IID_NULL, 0, DISPATCH_METHOD, &params, result.get(), &exception, nullptr)));
+    EXPECT_EQ(hex(DISP_E_EXCEPTION), hex(complex->Invoke(dispid::_CComplexNumber::Divide2, IID_NULL, 0, DISPATCH_METHOD,
+                                                         &params, result.get(), &exception, nullptr)));
     EXPECT_TRUE(exception.scode == automation_error_number(6) && text_of(exception.bstrDescription) == L"Overflow")
         << hex(exception.scode) << " " << narrow(text_of(exception.bstrDescription));
     SysFreeString(exception.bstrSource), SysFreeString(exception.bstrDescription);
@@ -82,8 +73,7 @@ void use_from_another_apartment(ITypeLib* library, const std::vector<IStream*>& 
 }
 
 TEST(Apartments, EveryClassFromAMultiThreadedApartmentThroughTheTypeLibraryMarshaller) {
-    // Registered afresh, as an installation has it: the DLL, and the VB runtime's library that
-    // _cDIBSection's eRop comes from (its stand-in).
+    // Registered afresh, as installed: the DLL, and the VB runtime's library of cDIBSection's eRop (its stand-in).
     ASSERT_EQ(S_OK, dll().unregister_server());
     ASSERT_EQ(S_OK, dll().register_server());
     com_ptr<ITypeLib> standin, library;
