@@ -62,16 +62,13 @@ TEST(MaskedBitmap, BuiltOnceFromTheImageAndUnchangedByARefusal) {
         ASSERT_TRUE(set_bitmap(masked.get(), bitmap));
         EXPECT_EQ("32 x 16", size_of(masked.get()));
         image = dc_of(masked.get(), &_clsBitmap::get_ImageDC);
-        ASSERT_TRUE(image);
-        EXPECT_EQ(bitmap, GetCurrentObject(image, OBJ_BITMAP)) << "the client's bitmap is in the image DC";
+        ASSERT_TRUE(image && GetCurrentObject(image, OBJ_BITMAP) == bitmap) << "the client's bitmap is in the image DC";
         mask = dc_of(masked.get(), &_clsBitmap::get_MaskDC);
-        ASSERT_TRUE(mask && mask != image) << "a DC of its own";
-        EXPECT_NE(bitmap, GetCurrentObject(mask, OBJ_BITMAP)) << "with a bitmap of its own";
+        ASSERT_TRUE(mask && mask != image && GetCurrentObject(mask, OBJ_BITMAP) != bitmap) << "a DC and bitmap of its own";
         SetPixel(image, 3, 3, RGB(255, 255, 255));  // after the mask: it does not reach it
         for (int i = 0; i < 32 * 16; ++i)
             ASSERT_EQ(image_colour(i % 32, i / 32), GetPixel(mask, i % 32, i / 32)) << "mask pixel " << i;
         EXPECT_EQ(mask, dc_of(masked.get(), &_clsBitmap::get_MaskDC)) << "a second read gives the same DC";
-
         RECT left = {0, 0, 16, 16}, right = {16, 0, 32, 16};
         FillRect(mask, &left, static_cast<HBRUSH>(GetStockObject(BLACK_BRUSH)));
         FillRect(mask, &right, static_cast<HBRUSH>(GetStockObject(WHITE_BRUSH)));
@@ -79,9 +76,8 @@ TEST(MaskedBitmap, BuiltOnceFromTheImageAndUnchangedByARefusal) {
         ASSERT_TRUE(inverted);
         for (int i = 0; i < 32 * 16; ++i)
             ASSERT_EQ(i % 32 < 16 ? 0 : image_colour(i % 32, i / 32), GetPixel(inverted, i % 32, i / 32)) << i;
-        EXPECT_EQ(inverted, dc_of(masked.get(), &_clsBitmap::get_InvertImageDC)) << "built once";
-        EXPECT_EQ(mask, dc_of(masked.get(), &_clsBitmap::get_MaskDC));
-
+        EXPECT_TRUE(inverted == dc_of(masked.get(), &_clsBitmap::get_InvertImageDC) &&
+                    mask == dc_of(masked.get(), &_clsBitmap::get_MaskDC)) << "built once";
         ASSERT_TRUE(set_bitmap(masked.get(), second));
         second_image = dc_of(masked.get(), &_clsBitmap::get_ImageDC);
         EXPECT_TRUE(second_image != image && size_of(masked.get()) == "8 x 4");
