@@ -4,9 +4,7 @@
 # packages, kit and archive. Each tree builds what this host builds.
 # Usage: check_reproducible_package.sh SOURCE_ROOT BUILD_ROOT
 set -u
-root=$1
-build=$2
-other=$build/reproducibility
+root=$1 build=$2 other=$2/reproducibility
 first=$(VXTYPES32_BUILD=$build "$root/scripts/package.sh" 2>/dev/null) || { echo "packaging failed"; exit 1; }
 second=$(VXTYPES32_BUILD=$other "$root/scripts/package.sh" 2>/dev/null) || { echo "packaging in $other failed"; exit 1; }
 for prefix in "$other/wineprefix" "$other/x64/wineprefix"; do WINEPREFIX=$prefix wineserver -k 2>/dev/null; done

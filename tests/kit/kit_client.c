@@ -1,23 +1,21 @@
-/* An early-bound client in plain C, built against the developer kit's header and GUID file alone:
- * creates every class, calls a member of each through its vtable, and checks each record's size in
- * the header against the registered library. Prints "PASS: kit_client", or a FAILED line each. */
+/* An early-bound client in plain C, built against the developer kit's header and GUID file alone: creates every
+ * class, calls a member of each through its vtable, and checks each record's size in the header against the
+ * registered library. Prints "PASS: kit_client", or a FAILED line each. */
 #include <stdio.h>
 #include <string.h>
 #include "vxTypes32.h"
-
 static int failures;
 #define CHECK(ok, what) \
     if (!(ok)) printf("FAILED: %s (hr 0x%08lx)\n", what, (unsigned long)hr), ++failures
-#define CREATE(type, name) \
-    type *name = NULL; \
+#define CREATE(name) \
+    _##name *name = NULL; \
     hr = CoCreateInstance(&CLSID_##name, NULL, CLSCTX_INPROC_SERVER, &IID__##name, (void **)&name); \
     CHECK(hr == S_OK, #name)
 
 static void use_classes(void) {
     HRESULT hr;
-    CREATE(_Class_vxTypes32, Class_vxTypes32); CREATE(_CComplexNumber, CComplexNumber);
-    CREATE(_cDIBSection, cDIBSection); CREATE(_clsQuickSort, clsQuickSort);
-    CREATE(_clsEasyRegistry, clsEasyRegistry); CREATE(_UserInfo, UserInfo); CREATE(_clsBitmap, clsBitmap);
+    CREATE(Class_vxTypes32); CREATE(CComplexNumber); CREATE(cDIBSection); CREATE(clsQuickSort);
+    CREATE(clsEasyRegistry); CREATE(UserInfo); CREATE(clsBitmap);
     if (failures) return;
     UINT count = 0;
     hr = Class_vxTypes32->lpVtbl->GetTypeInfoCount(Class_vxTypes32, &count);
@@ -63,8 +61,7 @@ static void check_record_sizes(void) {
     HRESULT hr = LoadRegTypeLib(&LIBID_vxTypes32, 1, 2, 0, &library);
     CHECK(hr == S_OK, "the registered type library");
     for (size_t i = 0; library && i < sizeof records / sizeof records[0]; ++i) {
-        ITypeInfo *info = NULL; TYPEATTR *attributes = NULL;
-        MEMBERID id = 0; USHORT found = 1;
+        ITypeInfo *info = NULL; TYPEATTR *attributes = NULL; MEMBERID id = 0; USHORT found = 1;
         wchar_t name[64]; char what[96];
         hr = library->lpVtbl->FindName(library, wcscpy(name, records[i].name), 0, &info, &id, &found);
         if (hr == S_OK && found == 1) hr = info->lpVtbl->GetTypeAttr(info, &attributes);

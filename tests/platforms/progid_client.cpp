@@ -22,12 +22,10 @@ std::wstring serving_module(IUnknown* object) {
         GetModuleFileNameW(module, path, MAX_PATH);
     return path;
 }
-
 std::uint64_t print = 14695981039346656037ull;  // FNV-1a of the results
 void add(const void* data, std::size_t size) {
     for (auto* b = static_cast<const unsigned char*>(data); size--; ++b) print = (print ^ *b) * 1099511628211ull;
 }
-
 // The object's default interface, called through a proxy from the multithreaded apartment while this thread serves.
 struct crossing { IStream* stream; IID iid; HRESULT result; };
 DWORD WINAPI call_from_another_apartment(void* parameter) {
@@ -60,12 +58,10 @@ void add_resampled(LONG width, LONG height, LONG new_width, LONG new_height) {
     LONG stride = 0;
     LONG_PTR bits = 0;
     if (!source || FAILED(source->Create(width, height, &made)) || !made) return add("no source", 9);
-    source->get_BytesPerScanLine(&stride);
-    source->get_DIBSectionBitsPtr(&bits);
+    source->get_BytesPerScanLine(&stride), source->get_DIBSectionBitsPtr(&bits);
     for (LONG i = 0; i < stride * height; ++i) reinterpret_cast<unsigned char*>(bits)[i] = i * 7919 % 251;
     if (FAILED(source->Resample(new_height, new_width, result.put())) || !result) return add("no result", 9);
-    result->get_BytesPerScanLine(&stride);
-    result->get_DIBSectionBitsPtr(&bits);
+    result->get_BytesPerScanLine(&stride), result->get_DIBSectionBitsPtr(&bits);
     add(reinterpret_cast<const void*>(bits), static_cast<std::size_t>(stride) * new_height);
 }
 

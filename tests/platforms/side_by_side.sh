@@ -19,8 +19,7 @@ answer() { if "$@"; then echo yes; else echo no; fi; }
 # creates x86|x64: that client creates every class by ProgID and calls it from another apartment;
 # yes: every class came from its own DLL, no: none did.
 creates() {
-    local client=${1}_client dll=${1}_dll out
-    out=$("$run" "${!client}" "$(winpath "${!dll}")" 2>&1)
+    local client=${1}_client dll=${1}_dll out; out=$("$run" "${!client}" "$(winpath "${!dll}")" 2>&1)
     echo "$out"
     case $(grep -o ' ok \| FAIL ' <<<"$out" | sort -u | tr -d ' \n') in ok) echo yes ;; FAIL) echo no ;; esac
 }
@@ -29,13 +28,10 @@ query() { "$run" reg query "$@" 2>/dev/null; }
 upper() { tr -d '\r' | tr a-z A-Z; }
 # value_is KEY VALUE [OPTION]: the key's default value, in any case.
 value_is() { [ "$(query "$1" /ve "${@:3}" | sed -n 's/.*REG_SZ[[:space:]]*//p' | upper)" = "$(printf %s "$2" | upper)" ]; }
-failures=0
 expect() {  # expect yes|no WHAT COMMAND...: the answer COMMAND ends with
-    local want=$1 what=$2 out
-    out=$("${@:3}" 2>&1)
-    [ "$(tail -n 1 <<<"$out")" = "$want" ] || { failures=$((failures + 1)); printf 'FAILED: %s\n%s\n' "$what" "$out"; }
+    local out; out=$("${@:3}" 2>&1)
+    [ "$(tail -n 1 <<<"$out")" = "$1" ] || { failures=$((failures + 1)); printf 'FAILED: %s\n%s\n' "$2" "$out"; }
 }
-
 # expect_alone machine|user x86|x64: that DLL's library registration is as if it had been registered alone.
 expect_alone() {
     local root=HKCR dll=$x86_dll platform=win32 gone=win64 iid view
@@ -50,6 +46,7 @@ expect_alone() {
     done; done
 }
 
+failures=0
 regsvr32_x86 && regsvr32_x64 || { echo "registration failed"; exit 1; }
 expect yes "a 64-bit process creates every class from the 64-bit DLL" creates x64
 expect yes "a 32-bit process creates every class from the 32-bit DLL" creates x86
@@ -58,7 +55,6 @@ x64_print=$(creates x64 | grep '^fingerprint') x86_print=$(creates x86 | grep '^
 expect yes "both DLLs compute the same bits ($x64_print, $x86_print)" \
     answer test -n "$x64_print" -a "$x64_print" = "$x86_print"
 expect yes "the 32-bit cscript uses every class of the 32-bit DLL" scripted "$cscript32" "$every_class" "$class_names"
-
 # Either order: the one registered last goes first, then the other.
 regsvr32_x64 /u
 expect yes "the 32-bit DLL stays registered without the 64-bit one" creates x86
@@ -67,7 +63,6 @@ regsvr32_x64; regsvr32_x86; regsvr32_x86 /u
 expect yes "the 64-bit DLL stays registered without the 32-bit one" creates x64
 expect no "the 32-bit DLL is gone from the 32-bit view" creates x86
 expect_alone machine x64
-
 # Per user (DllInstall): each platform's path under the shared library key.
 regsvr32_x86 /n /i:user; regsvr32_x64 /n /i:user; regsvr32_x64 /u /n /i:user
 expect_alone user x86
@@ -77,7 +72,6 @@ expect yes "the per-user ProgIDs stay for the 64-bit DLL" answer query "HKCU\\So
 regsvr32_x64 /u /n /i:user
 expect no "nothing of the library stays per user" answer query "HKCU\\Software\\Classes\\TypeLib\\$libid"
 expect no "no per-user ProgID stays" answer query "HKCU\\Software\\Classes\\vxTypes32.UserInfo"
-
 regsvr32_x64
 [ $failures -eq 0 ] && echo "PASS: side_by_side, both DLLs on one registry"
 exit $failures
