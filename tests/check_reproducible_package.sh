@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# The release package is the same, byte for byte, when built again from the
-# same sources in another build tree: DLLs, debug information, installer
-# packages, kit and archive. Each tree builds what this host builds.
+# The release package is the same, byte for byte, when built again from the same sources in another build tree:
+# DLLs, debug information, installer packages, kit and archive. Each tree builds what this host builds.
 # Usage: check_reproducible_package.sh SOURCE_ROOT BUILD_ROOT
 set -u
 root=$1 build=$2 other=$2/reproducibility

@@ -10,7 +10,6 @@
 namespace vx::test {
 
 inline com_ptr<_cDIBSection> new_section() { return create<_cDIBSection>(CLSID_cDIBSection, IID__cDIBSection); }
-
 // A live section of the size; the test fails when Create refuses it.
 inline com_ptr<_cDIBSection> new_section(long width, long height) {
     com_ptr<_cDIBSection> section = new_section();

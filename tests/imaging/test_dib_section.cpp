@@ -19,10 +19,9 @@ namespace {
 TEST(DibSectionSizes, ScanLinesAndTheOverflowOfTheSizeArithmetic) {
     const HRESULT overflow = automation_error_number(6);
     const struct { long width, height, scan_line; bool raises; } rows[] = {  // scan line 0: it overflows
-        {1, 2, 4, false},          {2, 2, 8, false},         {3, 2, 12, false},          {4, 2, 12, false},
-        {5, 2, 16, false},         {101, 2, 304, false},     {715827881, 0, 2147483644, false},
-        {715827882, 1, 0, true},   {-715827883, 1, 0, true}, {100000, 100000, 300000, true},
-        {100000, -100000, 300000, true}};
+        {1, 2, 4, false}, {2, 2, 8, false}, {3, 2, 12, false}, {4, 2, 12, false}, {5, 2, 16, false},
+        {101, 2, 304, false}, {715827881, 0, 2147483644, false}, {715827882, 1, 0, true}, {-715827883, 1, 0, true},
+        {100000, 100000, 300000, true}, {100000, -100000, 300000, true}};
     for (const auto& r : rows) {
         const std::string label = std::to_string(r.width) + " x " + std::to_string(r.height);
         com_ptr<_cDIBSection> section = new_section();
@@ -61,7 +60,7 @@ TEST(DibSectionStates, NewLiveReleasedAndRecreated) {
         << "the section is selected into the DC";
     DIBSECTION described = {};
     ASSERT_EQ(static_cast<int>(sizeof described), GetObjectW(as_handle(live.hdib), sizeof described, &described));
-    EXPECT_TRUE(described.dsBm.bmBitsPixel == 24 && described.dsBmih.biSizeImage == 50 * 300u) << "24 bits, 50 x 300 bytes";
+    EXPECT_TRUE(described.dsBm.bmBitsPixel == 24 && described.dsBmih.biSizeImage == 50 * 300u) << "24 bits, 50 x 300";
     std::memset(bits_of(section.get()), 0x5A, 50 * 300);  // every byte is writable
     ASSERT_EQ(S_OK, section->ClearUp());
     f = facts_of(section.get());
@@ -102,15 +101,12 @@ void fill(_cDIBSection* section, bool with_pattern) {
 // one. Every pixel of the destination is the pattern through the raster op inside the rectangle, and the
 // 0x111111 it was filled with outside.
 TEST(DibSectionBlits, CopyTheRectangleTheyAreGiven) {
-    const struct {
-        const char* label;
-        bool paint;  // PaintPicture out of the section, or LoadPictureBlt into it
-        long args[6];  // as the member takes them after the DC
-        DWORD rop;
-        long left, top, width, height, source_left, source_top;  // the rectangle that changes, and its source
+    const struct {  // PaintPicture out of the section or LoadPictureBlt into it, its arguments after the DC,
+        const char* label; bool paint; long args[6]; DWORD rop;  // the rectangle that changes and its source
+        long left, top, width, height, source_left, source_top;
     } cases[] = {
         {"PaintPicture with every default", true, {0, 0, -1, -1, 0, 0}, SRCCOPY, 0, 0, 6, 8, 0, 0},
-        {"PaintPicture: any negative size is the section's", true, {10, 20, -5, -7, 0, 0}, NOTSRCCOPY, 10, 20, 6, 8, 0, 0},
+        {"PaintPicture: a negative size is its own", true, {10, 20, -5, -7, 0, 0}, NOTSRCCOPY, 10, 20, 6, 8, 0, 0},
         {"PaintPicture of a rectangle inside the section", true, {1, 2, 2, 3, 4, 3}, SRCCOPY, 1, 2, 2, 3, 4, 3},
         {"LoadPictureBlt from (5, 5), to the section's origin", false, {5, 5, -1, -9}, SRCCOPY, 0, 0, 6, 8, 5, 5},
     };
@@ -150,12 +146,11 @@ TEST(DibSectionRandomiseBits, NoiseFromTheTimeOfDay) {
             auto section = create_local<_cDIBSection>(CLSID_cDIBSection, IID__cDIBSection);
             VARIANT_BOOL made = VARIANT_FALSE;
             ASSERT_TRUE(SUCCEEDED(section->Create(5, 3, &made)) && made);
-            unsigned char* bits = bits_of(section.get());
-            std::memset(bits, 0xAB, 16 * 3);
+            auto* bits = static_cast<unsigned char*>(std::memset(bits_of(section.get()), 0xAB, 16 * 3));
             ASSERT_EQ(S_OK, section->RandomiseBits(gray));
             noise[i].assign(bits, bits + 16 * 3);
             for (const unsigned char* p = bits; p < bits + 16 * 3; p += (p - bits) % 16 == 12 ? 4 : 3)
-                EXPECT_TRUE((gray ? p[0] == p[1] && p[1] == p[2] : p[0] == 0) && ((p - bits) % 16 != 12 || p[3] == 0xAB))
+                EXPECT_TRUE((gray ? p[0] == p[1] && p[1] == p[2] : !p[0]) && ((p - bits) % 16 != 12 || p[3] == 0xAB))
                     << "byte " << p - bits << ": blue 0 in colour, three equal channels in gray; the padding kept";
         }
         EXPECT_TRUE(noise[0] == noise[1] && noise[0] != noise[2]) << "gray " << gray << ": the same moment, another";
@@ -164,8 +159,7 @@ TEST(DibSectionRandomiseBits, NoiseFromTheTimeOfDay) {
 
 // A 32 x 16 picture of the pattern comes in whole, at the picture's size.
 TEST(DibSectionCreateFromPicture, CopiesABitmapPicture) {
-    BITMAPINFO info = {};
-    info.bmiHeader = {sizeof(BITMAPINFOHEADER), 32, -16, 1, 32, BI_RGB, 0, 0, 0, 0, 0};
+    BITMAPINFO info = {{sizeof(BITMAPINFOHEADER), 32, -16, 1, 32, BI_RGB, 0, 0, 0, 0, 0}, {}};
     void* bits = nullptr;
     PICTDESC description = {sizeof(PICTDESC), PICTYPE_BITMAP, {}};
     description.bmp.hbitmap = CreateDIBSection(nullptr, &info, DIB_RGB_COLORS, &bits, nullptr, 0);
@@ -193,8 +187,8 @@ TEST(DibSectionCopyToClipboard, LeavesABitmapOfTheSectionsSize) {
         com_ptr<_cDIBSection> section = new_section();
         VARIANT_BOOL made = VARIANT_FALSE, copied = VARIANT_FALSE;
         section->Create(r.width, r.height, &made);  // the header holds even a refused size
-        ASSERT_EQ(S_OK, section->CopyToClipboard(VARIANT_FALSE, &copied)) << r.width;
-        EXPECT_EQ(r.copied, copied == VARIANT_TRUE) << r.width;
+        ASSERT_TRUE(section->CopyToClipboard(VARIANT_FALSE, &copied) == S_OK && (copied == VARIANT_TRUE) == r.copied)
+            << r.width;
         BITMAP record = {};
         ASSERT_TRUE(OpenClipboard(nullptr));
         const HGDIOBJ bitmap = GetClipboardData(CF_BITMAP);

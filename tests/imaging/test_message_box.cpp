@@ -1,6 +1,5 @@
-// CopyToClipboard with its default argument really shows its message, which
-// a helper thread dismisses, and copies nothing. Run with a display (Xvfb):
-// without one, Wine's MessageBox fails at once and there is nothing to see.
+// CopyToClipboard with its default argument really shows its message, which a helper thread dismisses, and copies
+// nothing. Run with a display (Xvfb): without one, Wine's MessageBox fails at once and there is nothing to see.
 #include "imaging/imaging_support.h"
 #include "support/box_dismisser.h"
 

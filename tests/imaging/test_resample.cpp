@@ -1,6 +1,5 @@
-// Resample: the worked example with its ties, the refusals, every code path
-// against the plain formula on every byte, and the interface's choice
-// between a copy and interpolation.
+// Resample: every code path against the plain formula on every byte, and through the interface the refusals
+// and the choice between a copy and interpolation.
 #include "imaging/imaging_support.h"
 #include "imaging/resample.h"
 #include "imaging/resample_formula.h"
@@ -14,17 +13,6 @@ namespace vx::test {
 namespace {
 
 long stride_for(long width) { return (width * 3 + 3) & ~3L; }
-
-TEST(Resample, TheWorkedExampleComesOutExactly) {
-    com_ptr<_cDIBSection> source = new_section(2, 2), result;
-    const unsigned char levels[2][2] = {{0, 100}, {200, 255}};  // [scan line][pixel]
-    for (int i = 0; i < 4; ++i) std::memset(bits_of(source.get()) + i / 2 * 8 + i % 2 * 3, levels[i / 2][i % 2], 3);
-    ASSERT_EQ(S_OK, source->Resample(4, 4, result.put()));
-    const unsigned expected[4][4] = {{0, 25, 50, 75}, {50, 72, 94, 117}, {100, 120, 139, 158}, {150, 166, 183, 200}};
-    const unsigned char* out = bits_of(result.get());
-    for (int i = 0; i < 4 * 12; ++i)
-        EXPECT_EQ(expected[i / 12][i % 12 / 3], out[i]) << "scan line " << i / 12 << ", byte " << i % 12;
-}
 
 struct sized_case { long source_width, source_height, width, height; };
 
@@ -70,11 +58,9 @@ TEST_P(ResamplePath, EqualsTheFormulaOnEveryByte) {
     for (const sized_case& c : chosen) compare_with_reference(c, GetParam(), random);
 }
 
-std::string path_name(const testing::TestParamInfo<resample_path>& info) {
-    return info.param == resample_path::avx2 ? "avx2" : info.param == resample_path::sse2 ? "sse2" : "scalar";
-}
-INSTANTIATE_TEST_SUITE_P(Resample, ResamplePath,
-                         testing::Values(resample_path::scalar, resample_path::sse2, resample_path::avx2), path_name);
+const char* const path_names[] = {"scalar", "sse2", "avx2"};  // in resample_path's order
+INSTANTIATE_TEST_SUITE_P(Resample, ResamplePath, testing::Values(resample_path::scalar, resample_path::sse2,
+                         resample_path::avx2), [](const auto& p) { return std::string(path_names[int(p.param)]); });
 
 // Through the interface, height first: refusals and errors, and the picture a new section holds: the same size
 // is a copy, any other size (one side alone too) the formula.
@@ -90,11 +76,9 @@ TEST(Resample, ThroughTheInterfaceInMemoryOrder) {
         {"new instance", 0, 0, false, 3, 3, out_of_range, false},
         {"a size the platform refuses", 4, 4, false, 0, 0, S_OK, false},
         {"overflow of the new size", 4, 4, false, 1, 715827882, overflow, false},
-        {"the same size", 100, 50, false, 50, 100, S_OK, true},
-        {"another height", 5, 3, false, 7, 5, S_OK, true},
+        {"the same size", 100, 50, false, 50, 100, S_OK, true}, {"another height", 5, 3, false, 7, 5, S_OK, true},
         {"another width", 31, 19, false, 19, 40, S_OK, true}, {"31 wide, taller", 31, 19, false, 40, 31, S_OK, true},
-        {"larger", 13, 7, false, 11, 29, S_OK, true},
-        {"smaller", 200, 150, false, 45, 60, S_OK, true},
+        {"larger", 13, 7, false, 11, 29, S_OK, true}, {"smaller", 200, 150, false, 45, 60, S_OK, true},
     };
     std::mt19937 random(7);
     for (const auto& r : rows) {
@@ -105,17 +89,16 @@ TEST(Resample, ThroughTheInterfaceInMemoryOrder) {
         if (r.released) source->ClearUp();
         const HRESULT hr = source->Resample(r.new_height, r.new_width, result.put());
         EXPECT_TRUE(hr == r.expected && r.object == static_cast<bool>(result)) << r.label << ": " << hex(hr);
-        EXPECT_TRUE(SUCCEEDED(hr) ||
-                    take_error_info().source == (r.expected == overflow ? L"cDIBSection.Create" : L"cDIBSection.Resample"))
-            << r.label;
+        const wchar_t* source_of_error = r.expected == overflow ? L"cDIBSection.Create" : L"cDIBSection.Resample";
+        EXPECT_TRUE(SUCCEEDED(hr) || take_error_info().source == source_of_error) << r.label;
         if (!result) continue;
         const section_facts f = facts_of(result.get());
         ASSERT_TRUE(f.width == c.width && f.height == c.height && f.hdib != facts_of(source.get()).hdib) << r.label;
         const bool same = c.width == c.source_width && c.height == c.source_height;
         const std::vector<unsigned char> expected = same ? bits : reference(c, bits);
         const unsigned char* out = bits_of(result.get());
-        for (long i = 0; i < stride_for(c.width) * c.height; ++i)
-            ASSERT_EQ(i % stride_for(c.width) < c.width * 3 ? expected[i] : out[i], out[i]) << r.label << ": byte " << i;
+        for (long i = 0, stride = stride_for(c.width); i < stride * c.height; ++i)
+            ASSERT_EQ(i % stride < c.width * 3 ? expected[i] : out[i], out[i]) << r.label << ": byte " << i;
         EXPECT_EQ(bits, std::vector<unsigned char>(bits_of(source.get()), bits_of(source.get()) + bits.size()))
             << r.label << ": the source is unchanged";
     }
