@@ -21,6 +21,7 @@ struct gdi_handle_entry {
 #pragma pack(pop)
 static_assert(sizeof(gdi_handle_entry) == 24, "GDI handle table entry");
 
+#pragma GCC diagnostic ignored "-Warray-bounds"  // NtCurrentTeb reads through gs or fs: GCC sees an empty array
 long gdi_object_count() {
     if (const DWORD counted = GetGuiResources(GetCurrentProcess(), GR_GDIOBJECTS)) return static_cast<long>(counted);
     const char* peb = reinterpret_cast<const char*>(NtCurrentTeb()->ProcessEnvironmentBlock);
