@@ -10,10 +10,7 @@ namespace vx::test {
 namespace {
 
 struct sort_outcome {
-    HRESULT hr;
-    event_list events;
-    std::vector<int> order;
-    error_info error;
+    HRESULT hr; event_list events; std::vector<int> order; error_info error;
     LONG runtime;  // 77 before the sort
 };
 using event_hook = std::function<HRESULT(DISPID, LONG, LONG, SHORT*, EXCEPINFO*)>;
