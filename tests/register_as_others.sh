@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# Registers the DLL as others leave it (the demonstration, an earlier run,
-# the other platform's DLL): machine-wide and per user, with a library path
-# for each platform. Another platform's path keeps the shared ProgIDs and
+# Registers the DLL as others leave it (the demonstration, an earlier run, the other platform's DLL): machine-wide
+# and per user, with a library path for each platform. Another platform's path keeps the shared ProgIDs and
 # library keys through this DLL's unregistration.
 # Usage: register_as_others.sh WINE_RUN DLL LIBRARY.types [X86_DLL, under WoW64]
 set -u

@@ -1,7 +1,7 @@
-// cDIBSection on real GDI: scan-line lengths, the states a section goes
-// through, the overflow of the size arithmetic, the blits checked by reading
+// cDIBSection on real GDI: the size arithmetic, the states a section goes through, the blits checked by reading
 // pixels back, the random fill, pictures and the clipboard.
 #include "frame/runtime.h"
+#include "imaging/gdi_handles.h"
 #include "imaging/imaging_support.h"
 
 #include <olectl.h>
@@ -13,20 +13,45 @@
 namespace vx::test {
 namespace {
 
-TEST(DibSectionScanLine, ThreeBytesAPixelRoundedUpToFour) {
-    const long rows[][2] = {{1, 4}, {2, 8}, {3, 12}, {4, 12}, {5, 16}, {101, 304}};  // width, scan line
-    for (const auto& r : rows) EXPECT_EQ(r[1], facts_of(new_section(r[0], 2).get()).stride) << "width " << r[0];
-    EXPECT_EQ(0, facts_of(new_section().get()).stride) << "a new instance";
+// Scan lines of three bytes a pixel rounded up to four, to the last width that fits a Long. Past it, or with a
+// picture past a Long, Create raises error 6: the header holds the size, the new DC stays without a section,
+// CreateDIB raises 6 too and makes nothing, and RandomiseBits has nothing to write.
+TEST(DibSectionSizes, ScanLinesAndTheOverflowOfTheSizeArithmetic) {
+    const HRESULT overflow = automation_error_number(6);
+    const struct { long width, height, scan_line; bool raises; } rows[] = {  // scan line 0: it overflows
+        {1, 2, 4, false}, {2, 2, 8, false}, {3, 2, 12, false}, {4, 2, 12, false}, {5, 2, 16, false},
+        {101, 2, 304, false}, {715827881, 0, 2147483644, false}, {715827882, 1, 0, true}, {-715827883, 1, 0, true},
+        {100000, 100000, 300000, true}, {100000, -100000, 300000, true}};
+    for (const auto& r : rows) {
+        const std::string label = std::to_string(r.width) + " x " + std::to_string(r.height);
+        com_ptr<_cDIBSection> section = new_section();
+        VARIANT_BOOL made = VARIANT_FALSE;
+        LONG stride = 0;
+        LONG_PTR handle = 0;
+        const HRESULT hr = section->Create(r.width, r.height, &made);
+        const error_info error = take_error_info();
+        EXPECT_TRUE(r.raises ? hr == overflow && error.source == L"cDIBSection.Create"
+                             : hr == S_OK && (made == VARIANT_TRUE) == (r.height != 0)) << label << ": " << hex(hr);
+        const section_facts f = facts_of(section.get());
+        EXPECT_TRUE(f.width == r.width && f.height == r.height) << label << ": the header holds the size";
+        EXPECT_TRUE(section->get_BytesPerScanLine(&stride) == (r.scan_line ? S_OK : overflow) && stride == r.scan_line)
+            << label << ": scan line " << stride;
+        if (!r.raises) continue;
+        EXPECT_TRUE(f.hdc && !f.hdib) << label << ": the new DC stays, no section";
+        EXPECT_TRUE(section->CreateDIB(0, r.width, r.height, &handle, &made) == overflow && !handle) << label;
+        EXPECT_EQ(S_OK, section->RandomiseBits(VARIANT_FALSE)) << label << ": nothing to write";
+    }
 }
 
 HGDIOBJ as_handle(LONG_PTR value) { return reinterpret_cast<HGDIOBJ>(value); }
+bool released(const section_facts& f) { return !f.hdc && !f.hdib && !f.bits; }
+bool deleted(const section_facts& f) { return !GetObjectType(as_handle(f.hdib)) && !GetObjectType(as_handle(f.hdc)); }
 
 TEST(DibSectionStates, NewLiveReleasedAndRecreated) {
     com_ptr<_cDIBSection> section = new_section();
     section_facts f = facts_of(section.get());
-    EXPECT_EQ(0, f.width + f.height + f.stride + f.hdc + f.hdib + f.bits) << "new: every property 0";
+    EXPECT_TRUE(released(f) && !f.width && !f.height && !f.stride) << "new: every property 0";
     EXPECT_EQ(S_OK, section->ClearUp()) << "ClearUp on a new instance does nothing";
-
     VARIANT_BOOL made = VARIANT_FALSE;
     ASSERT_EQ(S_OK, section->Create(100, 50, &made));
     const section_facts live = facts_of(section.get());
@@ -35,56 +60,30 @@ TEST(DibSectionStates, NewLiveReleasedAndRecreated) {
         << "the section is selected into the DC";
     DIBSECTION described = {};
     ASSERT_EQ(static_cast<int>(sizeof described), GetObjectW(as_handle(live.hdib), sizeof described, &described));
-    EXPECT_EQ(24, described.dsBm.bmBitsPixel);
-    EXPECT_EQ(50 * 300u, described.dsBmih.biSizeImage) << "the memory spans 50 scan lines of 300 bytes";
+    EXPECT_TRUE(described.dsBm.bmBitsPixel == 24 && described.dsBmih.biSizeImage == 50 * 300u) << "24 bits, 50 x 300";
     std::memset(bits_of(section.get()), 0x5A, 50 * 300);  // every byte is writable
-
     ASSERT_EQ(S_OK, section->ClearUp());
     f = facts_of(section.get());
-    EXPECT_EQ(0, f.hdc + f.hdib + f.bits) << "released: handles and address 0";
+    EXPECT_TRUE(released(f) && deleted(live)) << "released: handles and address 0, both deleted";
     EXPECT_TRUE(f.width == 100 && f.height == 50 && f.stride == 300) << "released: the old size stays";
-    EXPECT_EQ(0u, GetObjectType(as_handle(live.hdib)) + GetObjectType(as_handle(live.hdc))) << "both deleted";
     EXPECT_EQ(S_OK, section->ClearUp()) << "ClearUp on a released instance does nothing";
-
     // A second Create deletes the first section even when it fails.
     ASSERT_EQ(S_OK, section->Create(8, 8, &made));
     const section_facts first = facts_of(section.get());
     ASSERT_EQ(S_OK, section->Create(0, 8, &made));
-    EXPECT_EQ(VARIANT_FALSE, made) << "a section 0 pixels wide is refused";
-    EXPECT_EQ(0u, GetObjectType(as_handle(first.hdib)) + GetObjectType(as_handle(first.hdc)));
     f = facts_of(section.get());
-    EXPECT_EQ(0, f.hdc + f.hdib + f.bits) << "a failed Create leaves the instance released";
+    EXPECT_TRUE(!made && deleted(first) && released(f)) << "a section 0 pixels wide is refused, the first deleted";
     EXPECT_TRUE(f.width == 0 && f.height == 8) << "the header holds the refused size";
 }
 
-TEST(DibSectionOverflow, SizeArithmeticRaisesError6) {
-    const struct { long width, height; bool scan_line_overflows; } rows[] = {
-        {715827882, 1, true}, {-715827883, 1, true}, {100000, 100000, false}, {100000, -100000, false}};
-    for (const auto& r : rows) {
-        const std::string label = std::to_string(r.width) + " x " + std::to_string(r.height);
-        com_ptr<_cDIBSection> section = new_section();
-        VARIANT_BOOL made = VARIANT_TRUE;
-        EXPECT_EQ(automation_error_number(6), section->Create(r.width, r.height, &made)) << label;
-        EXPECT_EQ(L"cDIBSection.Create", take_error_info().source) << label;
-        const section_facts f = facts_of(section.get());
-        EXPECT_TRUE(f.width == r.width && f.height == r.height) << label << ": the header holds the new size";
-        EXPECT_TRUE(f.hdc && !f.hdib) << label << ": the new DC stays, no section";
-        LONG stride = 0;
-        EXPECT_EQ(r.scan_line_overflows ? automation_error_number(6) : S_OK, section->get_BytesPerScanLine(&stride))
-            << label;
-        LONG_PTR handle = 0;
-        EXPECT_EQ(automation_error_number(6), section->CreateDIB(0, r.width, r.height, &handle, &made)) << label;
-        EXPECT_EQ(0, handle) << label << ": CreateDIB made nothing";
-        EXPECT_EQ(S_OK, section->RandomiseBits(VARIANT_FALSE)) << label << ": nothing to write";
-    }
-    // The last width that fits.
-    com_ptr<_cDIBSection> section = new_section();
-    LONG_PTR handle = 0;
-    VARIANT_BOOL made = VARIANT_FALSE;
-    section->CreateDIB(0, 715827881, 0, &handle, &made);
-    LONG stride = 0;
-    EXPECT_EQ(S_OK, section->get_BytesPerScanLine(&stride));
-    EXPECT_EQ(2147483644, stride);
+// The pixel at (x, y) as a DC sees it, y from the top: in a bottom-up section, scan line height - 1 - y.
+unsigned char* pixel(_cDIBSection* section, long x, long y) {
+    const section_facts f = facts_of(section);
+    return bits_of(section) + (f.height - 1 - y) * f.stride + 3 * x;
+}
+std::uint32_t pixel_at(_cDIBSection* section, long x, long y) {  // 0xRRGGBB
+    std::uint32_t rgb = 0;
+    return std::memcpy(&rgb, pixel(section, x, y), 3), rgb;
 }
 
 // A pattern where every pixel of a picture differs.
@@ -92,32 +91,26 @@ std::uint32_t pattern(long x, long y) { return 0x400000u | (static_cast<std::uin
 
 void fill(_cDIBSection* section, bool with_pattern) {
     const section_facts f = facts_of(section);
-    for (long y = 0; y < f.height; ++y)
-        for (long x = 0; x < f.width; ++x) set_pixel(section, x, y, with_pattern ? pattern(x, y) : 0x111111u);
+    for (long i = 0; i < f.width * f.height; ++i) {
+        const std::uint32_t colour = with_pattern ? pattern(i % f.width, i / f.width) : 0x111111u;
+        std::memcpy(pixel(section, i % f.width, i / f.width), &colour, 3);
+    }
 }
 
-struct blit_case {
-    const char* label;
-    bool paint;    // PaintPicture out of the section, or LoadPictureBlt into it
-    long args[6];  // as the member takes them after the DC
-    DWORD rop;
-    // The rectangle that changes, in destination coordinates, and where it
-    // comes from.
-    long left, top, width, height, source_left, source_top;
-};
-
-// A 6 x 8 section, taller than wide so that its width cannot stand in for
-// its height unseen, meets a 30 x 40 one. Every pixel of the destination
-// is the pattern through the raster op inside the rectangle, and the
+// A 6 x 8 section, taller than wide so that its width cannot stand in for its height unseen, meets a 30 x 40
+// one. Every pixel of the destination is the pattern through the raster op inside the rectangle, and the
 // 0x111111 it was filled with outside.
 TEST(DibSectionBlits, CopyTheRectangleTheyAreGiven) {
-    const blit_case cases[] = {
+    const struct {  // PaintPicture out of the section or LoadPictureBlt into it, its arguments after the DC,
+        const char* label; bool paint; long args[6]; DWORD rop;  // the rectangle that changes and its source
+        long left, top, width, height, source_left, source_top;
+    } cases[] = {
         {"PaintPicture with every default", true, {0, 0, -1, -1, 0, 0}, SRCCOPY, 0, 0, 6, 8, 0, 0},
-        {"PaintPicture: any negative size is the section's", true, {10, 20, -5, -7, 0, 0}, NOTSRCCOPY, 10, 20, 6, 8, 0, 0},
+        {"PaintPicture: a negative size is its own", true, {10, 20, -5, -7, 0, 0}, NOTSRCCOPY, 10, 20, 6, 8, 0, 0},
         {"PaintPicture of a rectangle inside the section", true, {1, 2, 2, 3, 4, 3}, SRCCOPY, 1, 2, 2, 3, 4, 3},
         {"LoadPictureBlt from (5, 5), to the section's origin", false, {5, 5, -1, -9}, SRCCOPY, 0, 0, 6, 8, 5, 5},
     };
-    for (const blit_case& c : cases) {
+    for (const auto& c : cases) {
         com_ptr<_cDIBSection> section = new_section(6, 8), other = new_section(30, 40);
         _cDIBSection* destination = c.paint ? other.get() : section.get();
         fill(c.paint ? section.get() : other.get(), true);
@@ -128,54 +121,47 @@ TEST(DibSectionBlits, CopyTheRectangleTheyAreGiven) {
         ASSERT_EQ(S_OK, c.paint ? section->PaintPicture(dc, a[0], a[1], a[2], a[3], a[4], a[5], rop)
                                 : section->LoadPictureBlt(dc, a[0], a[1], a[2], a[3], rop));
         const section_facts f = facts_of(destination);
-        for (long y = 0; y < f.height; ++y)
-            for (long x = 0; x < f.width; ++x) {
-                std::uint32_t expected = 0x111111u;
-                if (x >= c.left && x < c.left + c.width && y >= c.top && y < c.top + c.height)
-                    expected = pattern(c.source_left + x - c.left, c.source_top + y - c.top) ^
-                               (c.rop == SRCCOPY ? 0 : 0xFFFFFF);
-                ASSERT_EQ(expected, pixel_at(destination, x, y)) << c.label << " at (" << x << ", " << y << ")";
-            }
+        for (long i = 0; i < f.width * f.height; ++i) {
+            const long x = i % f.width, y = i / f.width;
+            const bool inside = x >= c.left && x < c.left + c.width && y >= c.top && y < c.top + c.height;
+            const std::uint32_t copied = pattern(c.source_left + x - c.left, c.source_top + y - c.top) ^
+                                         (c.rop == SRCCOPY ? 0 : 0xFFFFFF);
+            ASSERT_EQ(inside ? copied : 0x111111u, pixel_at(destination, x, y))
+                << c.label << " at (" << x << ", " << y << ")";
+        }
     }
 }
 
-// Reseeded from the time of day at every call: the same moment gives the
-// same noise, another moment other noise. In colour blue stays 0, in gray
-// the three channels agree; the padding is left alone. The test program's
-// own copy of the class meets the clock it sets.
+// Reseeded from the time of day at every call: the same moment gives the same noise, another moment other
+// noise. In colour blue stays 0, in gray the three channels agree; the padding is left alone. The test
+// program's own copy of the class meets the clock it sets.
 float moment;
 float clock_reading() { return moment; }
-
 TEST(DibSectionRandomiseBits, NoiseFromTheTimeOfDay) {
     const scoped_time_of_day_source clock(&clock_reading);
     for (VARIANT_BOOL gray : {VARIANT_FALSE, VARIANT_TRUE}) {
         std::vector<unsigned char> noise[3];
         for (int i = 0; i < 3; ++i) {
             moment = i == 2 ? 200.25f : 100.5f;
-            com_ptr<_cDIBSection> section = create_local<_cDIBSection>(CLSID_cDIBSection, IID__cDIBSection);
+            auto section = create_local<_cDIBSection>(CLSID_cDIBSection, IID__cDIBSection);
             VARIANT_BOOL made = VARIANT_FALSE;
             ASSERT_TRUE(SUCCEEDED(section->Create(5, 3, &made)) && made);
-            unsigned char* bits = bits_of(section.get());
-            std::memset(bits, 0xAB, 16 * 3);
+            auto* bits = static_cast<unsigned char*>(std::memset(bits_of(section.get()), 0xAB, 16 * 3));
             ASSERT_EQ(S_OK, section->RandomiseBits(gray));
             noise[i].assign(bits, bits + 16 * 3);
-            for (long at = 0; at < 16 * 3; at += at % 16 == 12 ? 4 : 3) {
-                const unsigned char* pixel = bits + at;
-                EXPECT_TRUE(gray ? pixel[0] == pixel[1] && pixel[1] == pixel[2] : pixel[0] == 0) << "byte " << at;
-                if (at % 16 == 12) EXPECT_EQ(0xAB, pixel[3]) << "padding after byte " << at;
-            }
+            for (const unsigned char* p = bits; p < bits + 16 * 3; p += (p - bits) % 16 == 12 ? 4 : 3)
+                EXPECT_TRUE((gray ? p[0] == p[1] && p[1] == p[2] : !p[0]) && ((p - bits) % 16 != 12 || p[3] == 0xAB))
+                    << "byte " << p - bits << ": blue 0 in colour, three equal channels in gray; the padding kept";
         }
-        EXPECT_EQ(noise[0], noise[1]) << "gray " << gray << ": the same moment";
-        EXPECT_NE(noise[0], noise[2]) << "gray " << gray << ": another moment";
+        EXPECT_TRUE(noise[0] == noise[1] && noise[0] != noise[2]) << "gray " << gray << ": the same moment, another";
     }
 }
 
 // A 32 x 16 picture of the pattern comes in whole, at the picture's size.
 TEST(DibSectionCreateFromPicture, CopiesABitmapPicture) {
-    BITMAPINFO info = {};
-    info.bmiHeader = {sizeof(BITMAPINFOHEADER), 32, -16, 1, 32, BI_RGB, 0, 0, 0, 0, 0};
+    BITMAPINFO info = {{sizeof(BITMAPINFOHEADER), 32, -16, 1, 32, BI_RGB, 0, 0, 0, 0, 0}, {}};
     void* bits = nullptr;
-    PICTDESC description = {sizeof(PICTDESC), PICTYPE_BITMAP};
+    PICTDESC description = {sizeof(PICTDESC), PICTYPE_BITMAP, {}};
     description.bmp.hbitmap = CreateDIBSection(nullptr, &info, DIB_RGB_COLORS, &bits, nullptr, 0);
     ASSERT_TRUE(bits);
     for (long i = 0; i < 32 * 16; ++i) static_cast<std::uint32_t*>(bits)[i] = pattern(i % 32, i / 32);
@@ -191,29 +177,25 @@ TEST(DibSectionCreateFromPicture, CopiesABitmapPicture) {
         ASSERT_EQ(pattern(i % 32, i / 32), pixel_at(section.get(), i % 32, i / 32)) << "pixel " << i;
 }
 
-// CopyToClipboard(False) leaves a bitmap of the section's size; an empty
-// section one of its own, never the platform's shared stock bitmap, which
-// the clipboard would delete; a negative size is refused.
+// CopyToClipboard(False) leaves a bitmap of the section's size; an empty section one of its own, never the
+// platform's shared stock bitmap, which the clipboard would delete; a negative size is refused.
 TEST(DibSectionCopyToClipboard, LeavesABitmapOfTheSectionsSize) {
-    const HDC probe = CreateCompatibleDC(nullptr);
-    const HGDIOBJ stock = GetCurrentObject(probe, OBJ_BITMAP);
-    DeleteDC(probe);
+    const HGDIOBJ stock = GetCurrentObject(unique_hdc(CreateCompatibleDC(nullptr)).get(), OBJ_BITMAP);
     const struct { long width, height; bool copied; long bitmap_width, bitmap_height; } rows[] = {
         {37, 21, true, 37, 21}, {0, 0, true, 1, 1}, {-5, 4, false, 0, 0}};
     for (const auto& r : rows) {
         com_ptr<_cDIBSection> section = new_section();
         VARIANT_BOOL made = VARIANT_FALSE, copied = VARIANT_FALSE;
         section->Create(r.width, r.height, &made);  // the header holds even a refused size
-        ASSERT_EQ(S_OK, section->CopyToClipboard(VARIANT_FALSE, &copied)) << r.width;
-        EXPECT_EQ(r.copied, copied == VARIANT_TRUE) << r.width;
+        ASSERT_TRUE(section->CopyToClipboard(VARIANT_FALSE, &copied) == S_OK && (copied == VARIANT_TRUE) == r.copied)
+            << r.width;
+        BITMAP record = {};
         ASSERT_TRUE(OpenClipboard(nullptr));
         const HGDIOBJ bitmap = GetClipboardData(CF_BITMAP);
-        BITMAP record = {};
         EXPECT_TRUE(!r.copied || (bitmap != stock && GetObjectW(bitmap, sizeof record, &record) &&
                                   record.bmWidth == r.bitmap_width && record.bmHeight == r.bitmap_height))
             << r.width << ": " << record.bmWidth << " x " << record.bmHeight;
-        EmptyClipboard();
-        CloseClipboard();
+        EmptyClipboard(), CloseClipboard();
     }
 }
 

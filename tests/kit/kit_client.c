@@ -1,27 +1,21 @@
-/* An early-bound client in plain C, built against the developer kit's header and GUID file alone:
- * creates every class, calls a member of each through its vtable, and checks each record's size in
- * the header against the registered library. Prints "PASS: kit_client", or a FAILED line each. */
+/* An early-bound client in plain C, built against the developer kit's header and GUID file alone: creates every
+ * class, calls a member of each through its vtable, and checks each record's size in the header against the
+ * registered library. Prints "PASS: kit_client", or a FAILED line each. */
 #include <stdio.h>
 #include <string.h>
 #include "vxTypes32.h"
-
 static int failures;
 #define CHECK(ok, what) \
     if (!(ok)) printf("FAILED: %s (hr 0x%08lx)\n", what, (unsigned long)hr), ++failures
-#define CREATE(type, name) \
-    type *name = NULL; \
+#define CREATE(name) \
+    _##name *name = NULL; \
     hr = CoCreateInstance(&CLSID_##name, NULL, CLSCTX_INPROC_SERVER, &IID__##name, (void **)&name); \
     CHECK(hr == S_OK, #name)
 
 static void use_classes(void) {
     HRESULT hr;
-    CREATE(_Class_vxTypes32, Class_vxTypes32);
-    CREATE(_CComplexNumber, CComplexNumber);
-    CREATE(_cDIBSection, cDIBSection);
-    CREATE(_clsQuickSort, clsQuickSort);
-    CREATE(_clsEasyRegistry, clsEasyRegistry);
-    CREATE(_UserInfo, UserInfo);
-    CREATE(_clsBitmap, clsBitmap);
+    CREATE(Class_vxTypes32); CREATE(CComplexNumber); CREATE(cDIBSection); CREATE(clsQuickSort);
+    CREATE(clsEasyRegistry); CREATE(UserInfo); CREATE(clsBitmap);
     if (failures) return;
     UINT count = 0;
     hr = Class_vxTypes32->lpVtbl->GetTypeInfoCount(Class_vxTypes32, &count);
@@ -49,13 +43,10 @@ static void use_classes(void) {
     CHECK(hr == S_OK && V_VT(&computer) == VT_BSTR && SysStringLen(V_BSTR(&computer)), "UserInfo.ComputerName");
     hr = clsBitmap->lpVtbl->get_Width(clsBitmap, &width);
     CHECK(hr == S_OK && width == 0, "clsBitmap.Width");
-    VariantClear(&computer);
-    SysFreeString(path);
-    SysFreeString(key);
-    IUnknown *made_objects[] = {(IUnknown *)same, (IUnknown *)Class_vxTypes32, (IUnknown *)CComplexNumber,
-        (IUnknown *)cDIBSection, (IUnknown *)clsQuickSort, (IUnknown *)clsEasyRegistry, (IUnknown *)UserInfo,
-        (IUnknown *)clsBitmap};
-    for (size_t i = 0; i < 8; ++i) made_objects[i]->lpVtbl->Release(made_objects[i]);
+    VariantClear(&computer), SysFreeString(path), SysFreeString(key);
+    void *made_objects[] = {same, Class_vxTypes32, CComplexNumber, cDIBSection, clsQuickSort, clsEasyRegistry,
+                            UserInfo, clsBitmap};
+    for (size_t i = 0; i < 8; ++i) ((IUnknown *)made_objects[i])->lpVtbl->Release(made_objects[i]);
 }
 
 /* Each record as the header lays it out (its packing), against the library. */
@@ -70,12 +61,8 @@ static void check_record_sizes(void) {
     HRESULT hr = LoadRegTypeLib(&LIBID_vxTypes32, 1, 2, 0, &library);
     CHECK(hr == S_OK, "the registered type library");
     for (size_t i = 0; library && i < sizeof records / sizeof records[0]; ++i) {
-        ITypeInfo *info = NULL;
-        TYPEATTR *attributes = NULL;
-        MEMBERID id = 0;
-        USHORT found = 1;
-        wchar_t name[64];
-        char what[96];
+        ITypeInfo *info = NULL; TYPEATTR *attributes = NULL; MEMBERID id = 0; USHORT found = 1;
+        wchar_t name[64]; char what[96];
         hr = library->lpVtbl->FindName(library, wcscpy(name, records[i].name), 0, &info, &id, &found);
         if (hr == S_OK && found == 1) hr = info->lpVtbl->GetTypeAttr(info, &attributes);
         snprintf(what, sizeof what, "the size of %ls (%u in the header)", records[i].name, (unsigned)records[i].size);

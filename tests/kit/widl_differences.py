@@ -1,18 +1,16 @@
 #!/usr/bin/env python3
-"""The type library widl compiles from the kit's IDL, read back against the
-library's description (typelib_writer verify): each difference must be one
-docs/DEPLOYING.md explains; any other is printed as FAILED.
+"""The type library widl compiles from the kit's IDL, read back against the library's description
+(typelib_writer verify): each difference must be one docs/DEPLOYING.md explains; any other is printed as FAILED.
 Usage: widl_differences.py WINE_RUN TYPELIB_WRITER KIT.tlb STANDIN.tlb"""
+import math
 import re
 import subprocess
 import sys
 
 
 def elements(array):
-    count = 1
-    for lower, upper in re.findall(r'\[(-?\d+) To (-?\d+)\]', array):
-        count *= int(upper) - int(lower) + 1
-    return array.split('[')[0], count
+    bounds = re.findall(r'\[(-?\d+) To (-?\d+)\]', array)
+    return array.split('[')[0], math.prod(int(upper) - int(lower) + 1 for lower, upper in bounds)
 
 
 def explained(fact, wanted, found):

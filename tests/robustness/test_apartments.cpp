@@ -2,10 +2,7 @@
 // the single-threaded apartment that made it: calls go through the marshaller built from the registered type
 // library, clsQuickSort's events come back across, and an error's number and description reach the caller.
 #include "frame/class_table.h"
-#include "support/component.h"
-#include "vxTypes32_types.h"
-
-#include <ocidl.h>
+#include "sort/sort_sinks.h"
 
 #include <atomic>
 #include <thread>
@@ -14,34 +11,8 @@
 namespace vx::test {
 namespace {
 
-// A sink of the calling apartment; every comparison is "equal".
-class counting_sink final : public IDispatch {
-public:
-    std::atomic<long> events{0};
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
-        const bool known = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDispatch);
-        *object = known || IsEqualIID(iid, DIID___clsQuickSort) ? this : nullptr;
-        return *object ? AddRef(), S_OK : E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return ++references_; }
-    ULONG STDMETHODCALLTYPE Release() override {
-        const ULONG left = --references_;
-        if (!left) delete this;
-        return left;
-    }
-    HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*, UINT*) override {
-        return ++events, S_OK;
-    }
-
-private:
-    std::atomic<ULONG> references_{1};
-};
-
-// The class's first property read without arguments, through its vtable slot: the proxy's own method for it
-// carries the call. S_FALSE for a class with none.
+// The class's first property read without arguments, through its vtable slot (the platform's ITypeInfo::Invoke
+// of the interface's vtable form): the proxy's own method for it carries the call. S_FALSE for a class with none.
 HRESULT first_property(ITypeLib* library, const class_entry& c, IUnknown* proxy) {
     com_ptr<ITypeInfo> dispatch, info;
     HREFTYPE vtable_form = 0;
@@ -54,16 +25,10 @@ HRESULT first_property(ITypeLib* library, const class_entry& c, IUnknown* proxy)
     for (UINT f = 0; f < attr->cFuncs && hr == S_FALSE; ++f) {
         FUNCDESC* d = nullptr;
         info->GetFuncDesc(f, &d);
-        const VARTYPE type = d->cParams == 1 ? d->lprgelemdescParam[0].tdesc.lptdesc->vt : VARTYPE(VT_EMPTY);
-        if (d->invkind == INVOKE_PROPERTYGET && type != VT_EMPTY && type != VT_PTR && type != VT_USERDEFINED) {
-            unique_variant value, returned;
-            V_I8(value.get()) = 0;
-            VARIANT out, *args[] = {&out};
-            V_VT(&out) = VT_BYREF | VT_UI1;
-            V_BYREF(&out) = type == VT_VARIANT ? static_cast<void*>(value.get()) : &V_UI1(value.get());
-            hr = DispCallFunc(proxy, d->oVft, CC_STDCALL, VT_ERROR, 1, &V_VT(&out), args, returned.get());
-            hr = SUCCEEDED(hr) ? V_ERROR(returned.get()) : hr;
-            if (SUCCEEDED(hr) && type != VT_VARIANT) V_VT(value.get()) = type;  // a BSTR is freed
+        if (d->invkind == INVOKE_PROPERTYGET && d->cParams == 1) {
+            DISPPARAMS none = {};
+            unique_variant value;
+            hr = info->Invoke(proxy, d->memid, DISPATCH_PROPERTYGET, &none, value.get(), nullptr, nullptr);
         }
         info->ReleaseFuncDesc(d);
     }
@@ -73,44 +38,33 @@ HRESULT first_property(ITypeLib* library, const class_entry& c, IUnknown* proxy)
 
 // What the caller in the multi-threaded apartment does with the proxies.
 void use_from_another_apartment(ITypeLib* library, const std::vector<IStream*>& streams) {
-    std::vector<com_ptr<IDispatch>> proxies;
+    std::vector<com_ptr<IDispatch>> proxies(streams.size());
     for (const class_entry& c : class_table()) {
-        com_ptr<IDispatch>& proxy = proxies.emplace_back();
-        IStream* stream = streams[proxies.size() - 1];
-        if (!stream || CoGetInterfaceAndReleaseStream(stream, *c.interface_id, proxy.put_void()) != S_OK) {
-            ADD_FAILURE() << narrow(c.name) << ": no proxy";
-            continue;
-        }
-        EXPECT_TRUE(SUCCEEDED(first_property(library, c, proxy.get()))) << narrow(c.name);
+        const size_t i = &c - class_table_begin();
+        ASSERT_EQ(S_OK, CoGetInterfaceAndReleaseStream(streams[i], *c.interface_id, proxies[i].put_void()))
+            << narrow(c.name);
+        EXPECT_TRUE(SUCCEEDED(first_property(library, c, proxies[i].get()))) << narrow(c.name);
         if (!c.source_interface) continue;
-        // Events into a sink of this apartment, through a short sort.
-        com_ptr<IConnectionPoint> point;
-        auto container = proxy.query<IConnectionPointContainer>(IID_IConnectionPointContainer);
-        ASSERT_TRUE(container && container->FindConnectionPoint(*c.source_interface, point.put()) == S_OK);
-        auto* sink = new counting_sink;
-        DWORD cookie = 0;
-        EXPECT_EQ(S_OK, point->Advise(sink, &cookie)) << narrow(c.name);
-        EXPECT_EQ(S_OK, proxy.query<_clsQuickSort>(IID__clsQuickSort)->Sort(3, 1));
-        EXPECT_GT(sink->events.load(), 0) << narrow(c.name) << ": no event came across";
-        point->Unadvise(cookie);
-        sink->Release();
+        // Events into a sink of this apartment, through a short sort; the sink checks each event's shape.
+        connected_sorter s(proxies[i].query<_clsQuickSort>(IID__clsQuickSort));
+        recording_sink sink(nullptr);
+        const DWORD cookie = s.advise(&sink);
+        EXPECT_EQ(S_OK, s.sorter->Sort(3, 1));
+        EXPECT_GT(sink.events, 0) << narrow(c.name) << ": no event came across";
+        s.point->Unadvise(cookie);
     }
     // An error raised late-bound: its number and description come back in EXCEPINFO. Through the vtable the
     // number comes back alone: Wine's marshaller carries no error info across (platform).
     const com_ptr<IDispatch>& complex = proxies[find_class(CLSID_CComplexNumber) - class_table_begin()];
-    ASSERT_TRUE(complex);
-    const wchar_t* name = L"Divide2";
-    DISPID id = 0;
     VARIANT zeros[2] = {};
     V_VT(&zeros[0]) = V_VT(&zeros[1]) = VT_R8;  // 0/0
     DISPPARAMS params = {zeros, nullptr, 2, 0};
     EXCEPINFO exception = {};
     unique_variant result;
-    ASSERT_EQ(S_OK, complex->GetIDsOfNames(IID_NULL, const_cast<LPOLESTR*>(&name), 1, 0, &id));
-    EXPECT_EQ(hex(DISP_E_EXCEPTION),
-              hex(complex->Invoke(id, IID_NULL, 0, DISPATCH_METHOD, &params, result.get(), &exception, nullptr)));
-    EXPECT_EQ(hex(automation_error_number(6)), hex(exception.scode));
-    EXPECT_EQ(L"Overflow", text_of(exception.bstrDescription));
+    EXPECT_EQ(hex(DISP_E_EXCEPTION), hex(complex->Invoke(dispid::_CComplexNumber::Divide2, IID_NULL, 0, DISPATCH_METHOD,
+                                                         &params, result.get(), &exception, nullptr)));
+    EXPECT_TRUE(exception.scode == automation_error_number(6) && text_of(exception.bstrDescription) == L"Overflow")
+        << hex(exception.scode) << " " << narrow(text_of(exception.bstrDescription));
     SysFreeString(exception.bstrSource), SysFreeString(exception.bstrDescription);
     double zero = 0;
     com_ptr<_CComplexNumber> quotient;
@@ -119,8 +73,7 @@ void use_from_another_apartment(ITypeLib* library, const std::vector<IStream*>& 
 }
 
 TEST(Apartments, EveryClassFromAMultiThreadedApartmentThroughTheTypeLibraryMarshaller) {
-    // Registered afresh, as an installation has it: the DLL, and the VB runtime's library that
-    // _cDIBSection's eRop comes from (its stand-in).
+    // Registered afresh, as installed: the DLL, and the VB runtime's library of cDIBSection's eRop (its stand-in).
     ASSERT_EQ(S_OK, dll().unregister_server());
     ASSERT_EQ(S_OK, dll().register_server());
     com_ptr<ITypeLib> standin, library;

@@ -17,17 +17,14 @@ dib.ClearUp
 Check dib.hdc = 0 And dib.hDib = 0 And dib.Width = 100, "ClearUp releases and keeps the size"
 
 On Error Resume Next
-Dim thin : Set thin = CreateObject("vxTypes32.cDIBSection")
-thin.Create 1, 5
+Dim thin : Set thin = CreateObject("vxTypes32.cDIBSection") : thin.Create 1, 5
 Set thin = thin.Resample(10, 10)
 Check Err.Number = 9 And Err.Source = "cDIBSection.Resample", "a source 1 pixel wide: " & Err.Number & " " & Err.Source
-Err.Clear
-thin.Create 715827882, 1
+Err.Clear : thin.Create 715827882, 1
 Check Err.Number = 6, "an overflowing width raises 6, got " & Err.Number
 On Error GoTo 0
 
-Dim masked : Set masked = CreateObject("vxTypes32.clsBitmap")
-Dim noBitmap : noBitmap = 0
+Dim masked, noBitmap : Set masked = CreateObject("vxTypes32.clsBitmap") : noBitmap = 0
 Check masked.SetBitmap(noBitmap) = False And masked.ImageDC = 0, "SetBitmap(0) returns False"
 Check larger.CopyToClipboard(False) = True, "CopyToClipboard(False) copies"
 If failures = 0 Then WScript.Echo "PASS: dib_section.vbs"

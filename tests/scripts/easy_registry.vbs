@@ -15,8 +15,7 @@ End Sub
 
 Const scratch = "\HKEY_CURRENT_USER\Software\vxTypes32 script tests"
 Dim reg : Set reg = CreateObject("vxTypes32.clsEasyRegistry")
-Dim status : status = reg.CD("\HKEY_CURRENT_USER\Software")
-status = reg.MakeKey("vxTypes32 script tests")
+Dim status : status = reg.CD("\HKEY_CURRENT_USER\Software") : status = reg.MakeKey("vxTypes32 script tests")
 Check reg.CD(scratch) = 0 And reg.CurrentKey = UCase(scratch), "CD into the scratch key, at " & reg.CurrentKey
 
 ' The kind is read through its variable, the status comes back through lRet.
@@ -29,13 +28,11 @@ reg.ValueOf("long", kind, ret) = 305419896
 Check ret = 3, "a VBScript Long is not a Double: lRet " & ret
 kind = 3 : reg.ValueOf("text", kind, ret) = "abc"
 Check ret = 4, "kind 3: lRet " & ret
-kind = 99 : ret = 12345
-value = reg.ValueOf("number", kind, ret)
+kind = 99 : ret = 12345 : value = reg.ValueOf("number", kind, ret)
 Check ret = 0 And kind = 2 And LBound(value) = 0 And UBound(value) = 2, "reading the number: " & ret & ", kind " & kind
 Check value(0) = "12345678" And value(2) = 305419896 And VarType(value(2)) = vbDouble, "the number's elements"
 Check VarType(value(1)) = vbArray + vbByte, "element 1 is a Byte(), VarType " & VarType(value(1))
-kind = 1 : reg.ValueOf("bytes", kind, ret) = value(1)
-value = reg.ValueOf("bytes", kind, ret)
+kind = 1 : reg.ValueOf("bytes", kind, ret) = value(1) : value = reg.ValueOf("bytes", kind, ret)
 Check ret = 0 And kind = 1 And value(0) = "78 56 34 12", "the Byte() element written back: " & value(0)
 
 Dim list

@@ -7,9 +7,8 @@ Sub Check(condition, what)
     If Not condition Then failures = failures + 1 : WScript.Echo "FAILED: " & what
 End Sub
 
-Dim shell : Set shell = CreateObject("WScript.Shell")
-Dim wide : wide = (shell.ExpandEnvironmentStrings("%PROCESSOR_ARCHITECTURE%") = "AMD64")
-Dim handleType : If wide Then handleType = 20 Else handleType = vbLong
+Dim handleType : handleType = vbLong
+If CreateObject("WScript.Shell").ExpandEnvironmentStrings("%PROCESSOR_ARCHITECTURE%") = "AMD64" Then handleType = 20
 
 ' The class names, one a line: the file the build writes from the class table.
 Dim listing : Set listing = CreateObject("Scripting.FileSystemObject").OpenTextFile(WScript.Arguments(0))
@@ -21,7 +20,6 @@ Do Until listing.AtEndOfStream
     Check TypeName(made) = name Or TypeName(made) = "_" & name, name & " is " & TypeName(made)
     count = count + 1
 Loop
-listing.Close
 Check count > 0, "no class listed"
 
 Dim dib : Set dib = CreateObject("vxTypes32.cDIBSection")
@@ -29,8 +27,7 @@ Check dib.Create(4, 3), "Create"
 Check VarType(dib.hdc) = handleType, "hdc travels as " & VarType(dib.hdc)
 Check VarType(dib.DIBSectionBitsPtr) = handleType, "the pixel address travels as " & VarType(dib.DIBSectionBitsPtr)
 Check dib.DIBSectionBitsPtr <> 0, "a pixel address"
-Dim copy : Set copy = dib.Resample(6, 8)
-Check copy.Width = 8 And copy.Height = 6, "Resample"
+Dim copy : Set copy = dib.Resample(6, 8) : Check copy.Width = 8 And copy.Height = 6, "Resample"
 Dim bitmap : Set bitmap = CreateObject("vxTypes32.clsBitmap")
 Check VarType(bitmap.ImageDC) = handleType, "ImageDC travels as " & VarType(bitmap.ImageDC)
 Dim z : Set z = CreateObject("vxTypes32.CComplexNumber")

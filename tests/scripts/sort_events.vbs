@@ -20,16 +20,13 @@ Sub sorter_SwapItems(ndx1, ndx2)
 End Sub
 
 Function Joined(values) ' Wine's VBScript has no Join
-    Dim i : Joined = values(0)
-    For i = 1 To UBound(values) : Joined = Joined & "," & values(i) : Next
+    Dim i : Joined = values(0) : For i = 1 To UBound(values) : Joined = Joined & "," & values(i) : Next
 End Function
 
-Dim sorter : Set sorter = CreateObject("vxTypes32.clsQuickSort")
-WScript.ConnectObject sorter, "sorter_"
+Dim sorter : Set sorter = CreateObject("vxTypes32.clsQuickSort") : WScript.ConnectObject sorter, "sorter_"
 
 ' The worked example: indices 1 to 3 of an array whose slot 0 is unused.
-items = Array(0, 3, 1, 2) : log = ""
-sorter.Sort 3
+items = Array(0, 3, 1, 2) : log = "" : sorter.Sort 3
 Check log = "isLess(1,3) SwapItems(1,3) isLess(1,3) isLess(2,3) isLess(3,3) isLess(1,2) SwapItems(1,2) ", "events: " & log
 Check Joined(items) = "0,1,2,3", "order " & Joined(items)
 
@@ -41,16 +38,13 @@ Check Joined(items) = "apple,banana,cherry,date,fig,grape,kiwi,lemon,lime,mango,
 ' An error raised in a handler ends the sort with that error: here the second isLess.
 items = Array(0, 3, 1, 2) : log = "" : failAt = Len("isLess(1,3) SwapItems(1,3) isLess(1,3) ")
 sorter.runtime = 77
-On Error Resume Next
-sorter.Sort 3
+On Error Resume Next : sorter.Sort 3
 Check Err.Number = 1001 And Err.Source = "SortClient", "error from the handler: " & Err.Number & " " & Err.Source
-On Error GoTo 0
-failAt = 0
+On Error GoTo 0 : failAt = 0
 Check log = "isLess(1,3) SwapItems(1,3) isLess(1,3) " And sorter.runtime = 77, "nothing after the failure: " & log
 
 WScript.DisconnectObject sorter
-items = Array(0, 3, 1, 2) : log = ""
-sorter.Sort 3
+items = Array(0, 3, 1, 2) : log = "" : sorter.Sort 3
 Check log = "", "disconnected: no events"
 If failures = 0 Then WScript.Echo "PASS: sort_events.vbs"
 WScript.Quit failures

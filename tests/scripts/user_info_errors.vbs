@@ -1,10 +1,8 @@
 ' Run with a 256-character user name: Logon cannot hold it and raises the
 ' system's error with the class's source and description.
 Option Explicit
-Dim user : Set user = CreateObject("vxTypes32.UserInfo")
-Dim logon : logon = "unchanged"
-On Error Resume Next
-logon = user.Logon
+Dim user, logon : Set user = CreateObject("vxTypes32.UserInfo") : logon = "unchanged"
+On Error Resume Next : logon = user.Logon
 Dim seen : seen = Err.Number & "|" & Err.Source & "|" & Err.Description & "|" & logon
 On Error GoTo 0
 If seen <> "122|UserInfo.Logon|Failed to get user logon name.|unchanged" Then

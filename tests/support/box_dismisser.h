@@ -15,17 +15,15 @@ namespace vx::test {
 
 class box_dismisser {
 public:
-    box_dismisser();
-    box_dismisser(const box_dismisser&) = delete;
-    box_dismisser& operator=(const box_dismisser&) = delete;
-    ~box_dismisser();
+    box_dismisser() : thread_([this] { watch(); }) {}
+    ~box_dismisser() { stop_ = true, thread_.join(); }
 
-    struct seen_box {
-        std::wstring caption;
-        std::wstring text;
-    };
+    struct seen_box { std::wstring text; };  // the text of its static controls
     // The boxes dismissed so far.
-    std::vector<seen_box> seen() const;
+    std::vector<seen_box> seen() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return seen_;
+    }
 
 private:
     void watch();

@@ -6,8 +6,7 @@ namespace vx::test {
 
 namespace {
 
-// Every test program runs in a single-threaded apartment, as the suite's
-// clients do.
+// Every test program runs in a single-threaded apartment, as the suite's clients do.
 class apartment : public ::testing::Environment {
 public:
     void SetUp() override { ASSERT_EQ(S_OK, CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)); }
@@ -25,15 +24,13 @@ void bind(HMODULE module, const char* name, Function& function) {
 std::wstring dll_path() {
     wchar_t program[MAX_PATH] = {};
     GetModuleFileNameW(nullptr, program, MAX_PATH);
-    std::wstring path = program;
-    path.erase(path.find_last_of(L"\\/") + 1);
-    return path + L"vxTypes32.dll";
+    const std::wstring path = program;
+    return path.substr(0, path.find_last_of(L"\\/") + 1) + L"vxTypes32.dll";
 }
 
 const component& dll() {
     static const component loaded = [] {
-        component c;
-        c.module = LoadLibraryW(dll_path().c_str());
+        component c{LoadLibraryW(dll_path().c_str())};
         if (!c.module) return c;
         bind(c.module, "DllGetClassObject", c.get_class_object);
         bind(c.module, "DllCanUnloadNow", c.can_unload_now);
@@ -50,14 +47,11 @@ std::wstring text_of(BSTR value) { return value ? std::wstring(value, SysStringL
 
 error_info take_error_info() {
     com_ptr<IErrorInfo> info;
-    error_info result;
-    if (GetErrorInfo(0, info.put()) != S_OK || !info) return result;
     unique_bstr source, description;
+    if (GetErrorInfo(0, info.put()) != S_OK || !info) return {};
     info->GetSource(source.put());
     info->GetDescription(description.put());
-    result.source = text_of(source.get());
-    result.description = text_of(description.get());
-    return result;
+    return {text_of(source.get()), text_of(description.get())};
 }
 
 std::string hex(HRESULT hr) {

@@ -2,6 +2,7 @@
 // its exports, without the registry.
 #pragma once
 
+#include "frame/class_table.h"
 #include "frame/handles.h"
 
 #include <gtest/gtest.h>
@@ -27,11 +28,9 @@ std::wstring dll_path();
 template <class Interface>
 com_ptr<Interface> create(REFCLSID clsid, REFIID iid) {
     com_ptr<IClassFactory> factory;
-    EXPECT_EQ(S_OK, dll().get_class_object(clsid, IID_IClassFactory, factory.put_void()));
     com_ptr<Interface> object;
-    if (factory) {
-        EXPECT_EQ(S_OK, factory->CreateInstance(nullptr, iid, object.put_void()));
-    }
+    EXPECT_EQ(S_OK, dll().get_class_object(clsid, IID_IClassFactory, factory.put_void()));
+    EXPECT_EQ(S_OK, factory ? factory->CreateInstance(nullptr, iid, object.put_void()) : E_NOINTERFACE);
     return object;
 }
 
@@ -39,16 +38,18 @@ com_ptr<Interface> create(REFCLSID clsid, REFIID iid) {
 // DLL's: for tests that replace a runtime service (the clock, the message
 // box) through its seam, which only reaches this copy.
 template <class Interface>
-com_ptr<Interface> create_local(REFCLSID clsid, REFIID iid);
+com_ptr<Interface> create_local(REFCLSID clsid, REFIID iid) {
+    com_ptr<Interface> object;
+    const class_entry* entry = find_class(clsid);
+    EXPECT_EQ(S_OK, entry ? entry->create(*entry, iid, object.put_void()) : E_NOINTERFACE) << "from the class table";
+    return object;
+}
 
 // A string from an automation call's text, for messages and comparisons.
 std::wstring text_of(BSTR value);
 
 // What a failed call left as the thread's error info.
-struct error_info {
-    std::wstring source;
-    std::wstring description;
-};
+struct error_info { std::wstring source, description; };
 error_info take_error_info();
 
 // Narrow text of an HRESULT, and of wide text, for assertion messages.
@@ -59,16 +60,3 @@ inline std::string narrow(const std::wstring& text) { return std::string(text.be
 constexpr HRESULT automation_error_number(long number) { return static_cast<HRESULT>(0x800A0000 + number); }
 
 }  // namespace vx::test
-
-#include "frame/class_table.h"
-
-template <class Interface>
-vx::com_ptr<Interface> vx::test::create_local(REFCLSID clsid, REFIID iid) {
-    com_ptr<Interface> object;
-    const class_entry* entry = find_class(clsid);
-    EXPECT_NE(nullptr, entry) << "the class is not in the class table";
-    if (entry) {
-        EXPECT_EQ(S_OK, entry->create(*entry, iid, object.put_void()));
-    }
-    return object;
-}
