@@ -175,5 +175,25 @@ TEST_F(Registration, RefusalsLeaveTheRegistryAsTheyFoundIt) {
     }
 }
 
+// With nothing registered, the manifests alone activate every class, by CLSID and by ProgID (within an
+// activation context a ProgID may map to an alias of the CLSID, which activates the same class).
+TEST_F(Registration, EveryClassActivatesFromTheManifestsAlone) {
+    const std::wstring folder = dll_path().substr(0, dll_path().find_last_of(L'\\') + 1),
+                       manifest = folder + L"vxTypes32.client.manifest";
+    ACTCTXW description = {sizeof description, ACTCTX_FLAG_ASSEMBLY_DIRECTORY_VALID, manifest.c_str()};
+    description.lpAssemblyDirectory = folder.c_str();
+    const HANDLE context = CreateActCtxW(&description);
+    ULONG_PTR cookie = 0;
+    ASSERT_TRUE(context != INVALID_HANDLE_VALUE && ActivateActCtx(context, &cookie)) << "the manifests load";
+    for (const class_entry& c : class_table()) {
+        com_ptr<IDispatch> object, named;
+        CLSID by_name{};
+        EXPECT_EQ(S_OK, CoCreateInstance(*c.clsid, nullptr, CLSCTX_INPROC_SERVER, *c.interface_id, object.put_void())) << narrow(c.name);
+        EXPECT_TRUE(CLSIDFromProgID(prog_id(c).c_str(), &by_name) == S_OK &&
+                    CoCreateInstance(by_name, nullptr, CLSCTX_INPROC_SERVER, *c.interface_id, named.put_void()) == S_OK) << narrow(c.name);
+    }
+    DeactivateActCtx(0, cookie), ReleaseActCtx(context);
+}
+
 }  // namespace
 }  // namespace vx::test
