@@ -312,15 +312,13 @@ def main(argv):
     arguments.add_argument('output')
     arguments.add_argument('descriptions', nargs='+', metavar='TYPES')
     options = arguments.parse_args(argv[1:])
-    try:
+
+    def files():
         lib = gen_types.parse(options.descriptions, gen_types.PLATFORMS['win32'])
         if options.imports:
             place_imports(lib, *options.imports)
-    except (gen_types.DescriptionError, OSError) as e:
-        sys.stderr.write('gen_idl: error: %s\n' % e)
-        return 1
-    gen_types.write_if_changed(options.output, emit_idl(lib))
-    return 0
+        return {options.output: emit_idl(lib)}
+    return gen_types.generate('gen_idl', '', files)
 
 
 if __name__ == '__main__':

@@ -77,19 +77,16 @@ def main(argv):
     arguments.add_argument('output')
     arguments.add_argument('descriptions', nargs='+', metavar='TYPES')
     options = arguments.parse_args(argv[1:])
-    try:
+
+    def files():
         lib = gen_types.parse(options.descriptions, gen_types.PLATFORMS[options.platform])
         version = gen_types.read_version(options.version_file)
         if options.next_revision:
             major, minor, _, revision = version.numbers
             version = gen_types.ProductVersion('%d.%02d.%04d' % (major, minor, revision + 1),
                                                gen_types.Where(options.version_file, 1))
-        facts = definitions(lib, options.platform, version)
-    except gen_types.DescriptionError as e:
-        sys.stderr.write('gen_installer: error: %s\n' % e)
-        return 1
-    gen_types.write_if_changed(options.output, emit_wxi(facts))
-    return 0
+        return {options.output: emit_wxi(definitions(lib, options.platform, version))}
+    return gen_types.generate('gen_installer', '', files)
 
 
 if __name__ == '__main__':

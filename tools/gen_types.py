@@ -1504,11 +1504,12 @@ def main(argv):
     arguments.add_argument('descriptions', nargs='+', metavar='TYPES',
                            help='the library\'s own description first, then the subsystems\'')
     options = arguments.parse_args(argv[1:])
-    try:
+
+    def files():
         lib = parse(options.descriptions, PLATFORMS[options.platform])
         lib.product_version = read_version(options.version_file)
         os.makedirs(options.output_dir, exist_ok=True)
-        files = {
+        return {
             TYPES_HEADER: emit_header(lib),
             IDENTITY_HEADER: emit_identity(lib),
             'class_table.cpp': emit_class_table(lib),
@@ -1517,11 +1518,20 @@ def main(argv):
             'typelib_tables.inc': emit_tables(lib),
             'iid_resources.rc': emit_resources(lib, options.output_dir),
         }
-    except DescriptionError as e:
-        sys.stderr.write('gen_types: error: %s\n' % e)
+    return generate('gen_types', options.output_dir, files)
+
+
+def generate(program, output_dir, make_files):
+    """Writes the files make_files() names (relative to output_dir) with
+    their text; a fault in the descriptions is reported as the program's
+    error, with nothing written, and gives exit status 1."""
+    try:
+        files = make_files()
+    except (DescriptionError, OSError) as e:
+        sys.stderr.write('%s: error: %s\n' % (program, e))
         return 1
     for name, text in files.items():
-        write_if_changed(os.path.join(options.output_dir, name), text)
+        write_if_changed(os.path.join(output_dir, name), text)
     return 0
 
 
