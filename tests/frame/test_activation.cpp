@@ -5,6 +5,7 @@
 #include "frame/class_table.h"
 #include "frame/registration.h"
 #include "frame/runtime.h"
+#include "sort/sort_sinks.h"
 #include "support/component.h"
 #include "vxTypes32_types.h"
 
@@ -72,13 +73,16 @@ TEST(ClassObjects, OnlyTheClassesHaveOneAndTheyRefuseAggregation) {
 // An enumerator the sorter handed out is an object of the DLL too; a lock released once too often counts nothing.
 TEST(Unloading, WaitsForEveryInstanceEnumeratorAndLock) {
     ASSERT_EQ(S_OK, dll().can_unload_now()) << "nothing of ours should be alive between tests";
-    auto first = create<IConnectionPointContainer>(CLSID_clsQuickSort, IID_IConnectionPointContainer);
-    EXPECT_EQ(S_FALSE, dll().can_unload_now()) << "an instance";
-    com_ptr<IEnumConnectionPoints> points;
-    ASSERT_EQ(S_OK, first->EnumConnectionPoints(points.put()));
-    first.reset();
+    recording_sink sink(nullptr);
+    com_ptr<IEnumConnections> connections;  // holds the sink, not the sorter
+    {
+        connected_sorter sorter = new_sorter();
+        EXPECT_EQ(S_FALSE, dll().can_unload_now()) << "an instance";
+        sorter.advise(&sink);
+        ASSERT_EQ(S_OK, sorter.point->EnumConnections(connections.put()));
+    }
     EXPECT_EQ(S_FALSE, dll().can_unload_now()) << "an enumerator";
-    points.reset();
+    connections.reset();
     EXPECT_EQ(S_OK, dll().can_unload_now()) << "both released";
     com_ptr<IClassFactory> factory;
     ASSERT_EQ(S_OK, dll().get_class_object(CLSID_UserInfo, IID_IClassFactory, factory.put_void()));
