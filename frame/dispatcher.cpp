@@ -248,9 +248,9 @@ HRESULT invoke_member(const interface_members& members, IDispatch* object, unsig
 
     // Where each parameter's argument is: positional ones in reverse order
     // after the named ones; the value of a put is the last parameter.
-    VARIANT* arguments[max_params];
+    // Every slot starts empty, so that no check reads one nobody set.
+    VARIANT* arguments[max_params] = {};
     UINT positions[max_params];
-    for (unsigned k = 0; k < member.param_count; ++k) arguments[k] = nullptr;
     for (UINT p = 0; p < positional; ++p) {
         positions[p] = params->cArgs - 1 - p;
         arguments[p] = &params->rgvarg[positions[p]];
