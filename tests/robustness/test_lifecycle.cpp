@@ -19,10 +19,15 @@ long cycles() {
     return text && std::atol(text) > 0 ? std::atol(text) : 1000;
 }
 long reloads() { return std::max(cycles() / 100, 10L); }
+// The lowest free TLS index climbs when an unload keeps one.
+DWORD lowest_free_tls_index() {
+    const DWORD index = TlsAlloc();
+    return TlsFree(index), index;
+}
 struct resources {
     std::size_t heap = heap_bytes_in_use();
     long gdi = gdi_object_count();
-    DWORD keys = open_registry_keys();
+    DWORD keys = open_registry_keys(), tls = lowest_free_tls_index();
 };
 
 // A leak of one byte a cycle shows above this; what the platform caches once (the first BSTRs, a heap's
@@ -32,6 +37,7 @@ void expect_level(const std::string& what, const resources& before, long count) 
     const resources after;
     EXPECT_EQ(before.gdi, after.gdi) << what << ": GDI objects";
     EXPECT_EQ(before.keys, after.keys) << what << ": open registry keys";
+    EXPECT_EQ(before.tls, after.tls) << what << ": TLS indexes";
     EXPECT_LE(after.heap, before.heap + heap_allowance)
         << what << ": " << (static_cast<double>(after.heap) - before.heap) / count << " bytes a cycle";
 }
