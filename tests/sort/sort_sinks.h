@@ -43,9 +43,10 @@ public:
     // Runs before the sink's own handling; a failure is returned as is.
     std::function<HRESULT(DISPID, LONG, LONG, SHORT*, EXCEPINFO*)> before;
     long events = 0;
+    bool script_like = false;  // answers only for IDispatch, as script hosts' sinks do
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
-        const bool known = iid == IID_IUnknown || iid == IID_IDispatch || iid == DIID___clsQuickSort;
+        const bool known = iid == IID_IUnknown || iid == IID_IDispatch || (iid == DIID___clsQuickSort && !script_like);
         return (*object = known ? static_cast<IDispatch*>(this) : nullptr) ? AddRef(), S_OK : E_NOINTERFACE;
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return static_cast<ULONG>(++references_); }

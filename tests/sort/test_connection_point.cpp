@@ -33,14 +33,14 @@ TEST(QuickSortConnections, CookiesNameConnectionsUntilTheyAreUnadvised) {
                                                    ->FindConnectionPoint(IID_IDispatch, other.put())));
 }
 
-// Every sink hears every event in turn: one that does not know SwapItems is
-// passed over, and one that unadvises inside its second event hears no more
+// Every sink hears every event in turn (one that answers only for IDispatch too): one that does not know SwapItems
+// is passed over, and one that unadvises inside its second event hears no more
 // and is let go when the sort ends (the sinks check their references).
 TEST(QuickSortConnections, SinksThatDoNotKnowAnEventOrLeaveMidSortLetTheSortGoOn) {
     item_store store{1, {3, 1, 2}};
     event_list deaf_heard, leaving_heard, keeper_heard;
     recording_sink deaf(nullptr), leaving(nullptr), keeper(&store);
-    deaf.log = &deaf_heard, leaving.log = &leaving_heard, keeper.log = &keeper_heard;
+    deaf.log = &deaf_heard, leaving.log = &leaving_heard, keeper.log = &keeper_heard, deaf.script_like = true;
     connected_sorter s = new_sorter();
     deaf.before = [](DISPID id, LONG, LONG, SHORT*, EXCEPINFO*) {
         return id == sort_event::SwapItems ? DISP_E_MEMBERNOTFOUND : S_OK;
