@@ -33,9 +33,8 @@ TEST(QuickSortConnections, CookiesNameConnectionsUntilTheyAreUnadvised) {
                                                    ->FindConnectionPoint(IID_IDispatch, other.put())));
 }
 
-// Every sink hears every event in turn (one that answers only for IDispatch too): one that does not know SwapItems
-// is passed over, and one that unadvises inside its second event hears no more
-// and is let go when the sort ends (the sinks check their references).
+// Every sink hears every event in turn (one that answers only for IDispatch too); one that does not know SwapItems
+// is passed over; one that unadvises inside its second event hears no more and is let go as the sort ends.
 TEST(QuickSortConnections, SinksThatDoNotKnowAnEventOrLeaveMidSortLetTheSortGoOn) {
     item_store store{1, {3, 1, 2}};
     event_list deaf_heard, leaving_heard, keeper_heard;
