@@ -58,9 +58,9 @@ TEST_P(ResamplePath, EqualsTheFormulaOnEveryByte) {
     };
     for (const sized_case& c : chosen) compare_with_reference(c, GetParam(), random);
     // 2 columns to 2^25: the last position, 1 - 2^-25, rounds to 1 as a Single. Refused before any write.
-    unsigned char two_by_two[2 * 8] = {}, *row = nullptr;
+    unsigned char two_by_two[2 * 8] = {};
     const long wide = 1L << 25, row_size = stride_for(wide);
-    row = static_cast<unsigned char*>(VirtualAlloc(nullptr, row_size, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+    auto* const row = static_cast<unsigned char*>(VirtualAlloc(nullptr, row_size, MEM_COMMIT, PAGE_READWRITE));
     EXPECT_THROW(resample_bilinear({two_by_two, 2, 2, 8, sizeof two_by_two}, {row, wide, 1, row_size, size_t(row_size)},
                                    L"test", GetParam(), true), automation_error);
     VirtualFree(row, 0, MEM_RELEASE);
