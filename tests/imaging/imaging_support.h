@@ -5,7 +5,6 @@
 #include "vxTypes32_types.h"
 
 #include <cstdint>
-#include <string>
 
 namespace vx::test {
 

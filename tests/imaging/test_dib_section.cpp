@@ -1,5 +1,5 @@
-// cDIBSection on real GDI: the size arithmetic, the states a section goes through, the blits checked by reading
-// pixels back, the random fill, pictures and the clipboard.
+// cDIBSection on real GDI: the states a section goes through, the blits checked by reading pixels back, the
+// random fill, pictures and the clipboard.
 #include "frame/runtime.h"
 #include "imaging/gdi_handles.h"
 #include "imaging/imaging_support.h"
@@ -7,41 +7,10 @@
 #include <olectl.h>
 
 #include <cstring>
-#include <string>
 #include <vector>
 
 namespace vx::test {
 namespace {
-
-// Scan lines of three bytes a pixel rounded up to four, to the last width that fits a Long. Past it, or with a
-// picture past a Long, Create raises error 6: the header holds the size, the new DC stays without a section,
-// CreateDIB raises 6 too and makes nothing, and RandomiseBits has nothing to write.
-TEST(DibSectionSizes, ScanLinesAndTheOverflowOfTheSizeArithmetic) {
-    const HRESULT overflow = automation_error_number(6);
-    const struct { long width, height, scan_line; bool raises; } rows[] = {  // scan line 0: it overflows
-        {1, 2, 4, false}, {2, 2, 8, false}, {3, 2, 12, false}, {4, 2, 12, false}, {5, 2, 16, false},
-        {101, 2, 304, false}, {715827881, 0, 2147483644, false}, {715827882, 1, 0, true}, {-715827883, 1, 0, true},
-        {100000, 100000, 300000, true}, {100000, -100000, 300000, true}};
-    for (const auto& r : rows) {
-        const std::string label = std::to_string(r.width) + " x " + std::to_string(r.height);
-        com_ptr<_cDIBSection> section = new_section();
-        VARIANT_BOOL made = VARIANT_FALSE;
-        LONG stride = 0;
-        LONG_PTR handle = 0;
-        const HRESULT hr = section->Create(r.width, r.height, &made);
-        const error_info error = take_error_info();
-        EXPECT_TRUE(r.raises ? hr == overflow && error.source == L"cDIBSection.Create"
-                             : hr == S_OK && (made == VARIANT_TRUE) == (r.height != 0)) << label << ": " << hex(hr);
-        const section_facts f = facts_of(section.get());
-        EXPECT_TRUE(f.width == r.width && f.height == r.height) << label << ": the header holds the size";
-        EXPECT_TRUE(section->get_BytesPerScanLine(&stride) == (r.scan_line ? S_OK : overflow) && stride == r.scan_line)
-            << label << ": scan line " << stride;
-        if (!r.raises) continue;
-        EXPECT_TRUE(f.hdc && !f.hdib) << label << ": the new DC stays, no section";
-        EXPECT_TRUE(section->CreateDIB(0, r.width, r.height, &handle, &made) == overflow && !handle) << label;
-        EXPECT_EQ(S_OK, section->RandomiseBits(VARIANT_FALSE)) << label << ": nothing to write";
-    }
-}
 
 HGDIOBJ as_handle(LONG_PTR value) { return reinterpret_cast<HGDIOBJ>(value); }
 bool released(const section_facts& f) { return !f.hdc && !f.hdib && !f.bits; }

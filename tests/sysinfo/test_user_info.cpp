@@ -1,6 +1,5 @@
-// UserInfo: the names as the system gives them and the error when one does
-// not fit its buffer. Wine takes the logon name from WINEUSERNAME and the
-// computer name from the prefix's registry, which is why this runs with the
+// UserInfo: the names as the system gives them and the error when one does not fit its buffer. Wine takes the
+// logon name from WINEUSERNAME and the computer name from the prefix's registry, which is why this runs with the
 // tests that hold the registration lock.
 #include "support/component.h"
 #include "vxTypes32_types.h"
