@@ -152,7 +152,7 @@ std::wstring value_text(const VARIANT* value) {
     VariantChangeType(copy.get(), const_cast<VARIANT*>(value), 0, VT_BSTR);
     return L"=" + std::to_wstring(value->vt) + L":" + (V_VT(copy.get()) == VT_BSTR ? text_of(V_BSTR(copy.get())) : L"");
 }
-// Sizes and offsets that depend on the pointer size: the generated header's static asserts and the kit's client.
+// Sizes and offsets that vary with the pointer size are checked by the header's static asserts and the kit's client.
 void list_type(ITypeInfo* info, std::wstring& out) {
     TYPEATTR* a = nullptr;
     ASSERT_EQ(S_OK, info->GetTypeAttr(&a));
