@@ -15,7 +15,7 @@ namespace {
 
 const wchar_t* const scratch_path = L"Software\\vxTypes32 tests\\lifecycle";
 const char* const rounds_asked = std::getenv("VXTYPES32_LIFECYCLE_ROUNDS");
-long reloads() { return std::max(rounds_asked ? std::atol(rounds_asked) : 0L, 10L); }
+const long reloads = std::max(rounds_asked ? std::atol(rounds_asked) : 0L, 10L);
 // The lowest free TLS index climbs when an unload keeps one.
 DWORD lowest_free_tls_index() { const DWORD index = TlsAlloc(); return TlsFree(index), index; }
 struct resources {
@@ -63,7 +63,7 @@ bool use_complex(IUnknown* object, long) {
     return z->Divide2(&real, &imaginary, quotient.put()) == automation_error_number(6) &&
            take_error_info().source == L"CComplexNumber.Divide2";
 }
-bool use_dib_section(IUnknown* object, long cycle) {
+bool use_dib_section(IUnknown* object, long round) {
     com_ptr<_cDIBSection> section = as<_cDIBSection>(object, IID__cDIBSection), resampled;
     VARIANT_BOOL made = VARIANT_FALSE;
     LONG_PTR dc = 0;
@@ -73,25 +73,25 @@ bool use_dib_section(IUnknown* object, long cycle) {
     if (section->Resample(6, 10, resampled.put()) != S_OK || !resampled) return false;
     resampled->get_hdc(&dc);
     if (section->PaintPicture(dc, 0, 0, 10, 6, 0, 0, RasterOpConstants(SRCCOPY)) != S_OK) return false;
-    if (cycle % 2) section->ClearUp();  // else the termination step releases it
+    if (round % 2) section->ClearUp();  // else the termination step releases it
     return true;
 }
-// The sink of the current cycle outlives the sorter, which may still hold it when the instance goes, and is
+// The sink of the current round outlives the sorter, which may still hold it when the instance goes, and is
 // deleted after that, checking that the sorter let it go.
 item_store sorted_items;
-std::unique_ptr<recording_sink> cycle_sink;
+std::unique_ptr<recording_sink> round_sink;
 
-bool use_quick_sort(IUnknown* object, long cycle) {
+bool use_quick_sort(IUnknown* object, long round) {
     connected_sorter s(as<_clsQuickSort>(object, IID__clsQuickSort));
     sorted_items = {1, {5, 3, 9, 1, 7, 2, 8, 4, 6, 0}};
-    cycle_sink = std::make_unique<recording_sink>(&sorted_items);
-    const DWORD cookie = s.point ? s.advise(cycle_sink.get()) : 0;
+    round_sink = std::make_unique<recording_sink>(&sorted_items);
+    const DWORD cookie = s.point ? s.advise(round_sink.get()) : 0;
     const bool sorted = cookie && s.sorter->Sort(10, 1) == S_OK &&
                         std::is_sorted(sorted_items.values.begin(), sorted_items.values.end());
-    if (cycle % 2 && cookie) s.point->Unadvise(cookie);  // else the sorter lets the sink go as it ends
+    if (round % 2 && cookie) s.point->Unadvise(cookie);  // else the sorter lets the sink go as it ends
     return sorted;
 }
-bool use_easy_registry(IUnknown* object, long cycle) {
+bool use_easy_registry(IUnknown* object, long round) {
     com_ptr<_clsEasyRegistry> reg = as<_clsEasyRegistry>(object, IID__clsEasyRegistry);
     LONG status = -1;
     auto cd = [&](const std::wstring& path) { return reg->CD(bstr_from(path).get(), &status), status == 0; };
@@ -103,18 +103,18 @@ bool use_easy_registry(IUnknown* object, long cycle) {
         return false;
     reg->put_ValueOf(name.get(), &kind, &status, *text.get());
     if (status || (reg->get_ValueOf(name.get(), &kind, &status, read.get()), status)) return false;
-    return cd(L"sub") && (cycle % 2 == 0 || cd(L".."));  // the current key is left open for the termination step
+    return cd(L"sub") && (round % 2 == 0 || cd(L".."));  // the current key is left open for the termination step
 }
 HBITMAP masked_bitmap;  // the client's, made once
 
-bool use_masked_bitmap(IUnknown* object, long cycle) {
+bool use_masked_bitmap(IUnknown* object, long round) {
     com_ptr<_clsBitmap> masked = as<_clsBitmap>(object, IID__clsBitmap);
     LONG_PTR handle = reinterpret_cast<LONG_PTR>(masked_bitmap), mask = 0, inverted = 0;
     VARIANT_BOOL set = VARIANT_FALSE;
     // True every time: the previous instance's image DC let the bitmap go.
     if (masked->SetBitmap(&handle, &set) != S_OK || set != VARIANT_TRUE) return false;
     masked->get_MaskDC(&mask), masked->get_InvertImageDC(&inverted);
-    if (cycle % 2) masked->SetBitmap(&handle, &set);  // refused, still selected: every DC goes
+    if (round % 2) masked->SetBitmap(&handle, &set);  // refused, still selected: every DC goes
     return mask != 0 && inverted != 0;
 }
 bool use_user_info(IUnknown* object, long) {
@@ -124,7 +124,7 @@ bool use_user_info(IUnknown* object, long) {
 }
 
 // The use of every class in the class table; a class without one fails.
-using class_use = bool (*)(IUnknown*, long cycle);
+using class_use = bool (*)(IUnknown*, long round);
 class_use use_of(const class_entry& entry) {
     const std::pair<const CLSID*, class_use> uses[] = {
         {&CLSID_Class_vxTypes32, use_anchor},    {&CLSID_CComplexNumber, use_complex},
@@ -163,7 +163,7 @@ void make_and_use(const class_entry& entry, class_use use, long round) {
     com_ptr<IUnknown> object;
     const HRESULT made = CoCreateInstance(*entry.clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, object.put_void());
     const bool right = made == S_OK && use(object.get(), round);
-    object.reset(), cycle_sink.reset();
+    object.reset(), round_sink.reset();
     EXPECT_TRUE(right) << narrow(entry.name) << ", round " << round << ": " << hex(made) << " or a wrong answer";
 }
 
@@ -172,7 +172,7 @@ TEST_F(Lifecycle, TheDllUnloadsOnceUnusedAndLoadsAgain) {
     CoFreeUnusedLibrariesEx(0, 0);
     ASSERT_EQ(nullptr, loaded_dll()) << "something still holds the DLL before the test";
     std::unique_ptr<resources> before;
-    for (long round = 0; round < reloads(); ++round) {
+    for (long round = 0; round < reloads; ++round) {
         if (round == 2) before = std::make_unique<resources>();  // after the platform's first-load caches
         for (const class_entry& entry : class_table())
             if (const class_use use = use_of(entry)) make_and_use(entry, use, round);
@@ -189,7 +189,7 @@ TEST_F(Lifecycle, TheDllUnloadsOnceUnusedAndLoadsAgain) {
         CoFreeUnusedLibrariesEx(0, 0);
         ASSERT_EQ(nullptr, loaded_dll()) << "round " << round << ": the platform did not unload the DLL";
     }
-    expect_level(std::to_string(reloads() - 2) + " unloads and reloads", *before, reloads() - 2);
+    expect_level(std::to_string(reloads - 2) + " unloads and reloads", *before, reloads - 2);
 }
 
 }  // namespace
